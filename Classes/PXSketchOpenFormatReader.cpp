@@ -1,0 +1,210 @@
+#include "PXSketchOpenFormatReader.h"
+
+#include "Files.h"
+#include "Log.h"
+
+#include <algorithm>
+#include <set>
+
+namespace plexa {
+
+namespace {
+
+std::optional<JsonObject> parseObject(const std::string& text, std::string& error) {
+  auto parsed = PXJsonParse(text, &error);
+  if (!parsed) return std::nullopt;
+  if (!parsed->is_object()) {
+    error = "top-level value is not a dictionary";
+    return std::nullopt;
+  }
+  return std::move(parsed->get_object());
+}
+
+std::string removingAll(std::string text, std::string_view what) {
+  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at)) text.erase(at, what.size());
+  return text;
+}
+
+// Page IDs name files; one that could leave the pages folder is no page.
+bool isSafePageID(const std::string& id) {
+  return !id.empty() && id.find('/') == std::string::npos && id.find('\0') == std::string::npos && id != "." &&
+         id != "..";
+}
+
+}  // namespace
+
+std::shared_ptr<PXSketchOpenFormatReader> PXSketchOpenFormatReader::folderReaderWithUnzippedSketchFolder(
+    const std::string& path) {
+  return std::make_shared<PXSketchOpenFormatReader>(path);
+}
+
+PXSketchOpenFormatReader::PXSketchOpenFormatReader(std::string rootFolderPath)
+    : rootFolderPath_(std::move(rootFolderPath)) {}
+
+std::string PXSketchOpenFormatReader::pathFor(const std::string& relative) const {
+  return rootFolderPath_ + "/" + relative;
+}
+
+PXSketchOpenFormatReader::Dictionary PXSketchOpenFormatReader::load(Dictionary& cache, const std::string& relativePath,
+                                                                    const char* what, Missing missing) {
+  std::lock_guard guard(lock_);
+  if (cache) return cache;
+  std::string path = pathFor(relativePath);
+  auto text = PXFileManager::readFile(path);
+  if (!text) {
+    if (missing == Missing::fatal) throw PXSketchDocumentFileMissing(path);
+    return nullptr;
+  }
+  std::string error;
+  auto parsed = parseObject(*text, error);
+  if (!parsed) {
+    PXLogVerbose("PXSketchOpenFormatReader.{} error {} {}", what, path, error);
+    return nullptr;
+  }
+  cache = std::make_shared<const JsonObject>(std::move(*parsed));
+  return cache;
+}
+
+PXSketchOpenFormatReader::Dictionary PXSketchOpenFormatReader::metaJSON() {
+  return load(cachedMetaJSON_, metaJSONPath, "metaJSON", Missing::absent);
+}
+
+PXSketchOpenFormatReader::Dictionary PXSketchOpenFormatReader::documentJSON() {
+  return load(cachedDocumentJSON_, documentJSONPath, "documentJSON", Missing::fatal);
+}
+
+PXSketchOpenFormatReader::Dictionary PXSketchOpenFormatReader::userJSON() {
+  return load(cachedUserJSON_, userJSONPath, "userJSON", Missing::fatal);
+}
+
+PXSketchOpenFormatReader::Dictionary PXSketchOpenFormatReader::pageJSONByID(const std::string& pageID) {
+  if (!isSafePageID(pageID)) {
+    PXLogVerbose("PXSketchOpenFormatReader.pageJSONByID:{} refused: not a plain file name", pageID);
+    return nullptr;
+  }
+  std::lock_guard guard(lock_);
+  if (auto it = cachedPages_.find(pageID); it != cachedPages_.end()) return it->second;
+  std::string path = pathFor(pagesFolderPath) + "/" + pageID + ".json";
+  auto text = PXFileManager::readFile(path);
+  if (!text) return nullptr;
+  std::string error;
+  auto parsed = parseObject(*text, error);
+  if (!parsed) {
+    PXLogVerbose("PXSketchOpenFormatReader.pageJSONByID:{} error {} {}", pageID, path, error);
+    return nullptr;
+  }
+  auto page = std::make_shared<const JsonObject>(std::move(*parsed));
+  cachedPages_[pageID] = page;
+  return page;
+}
+
+bool PXSketchOpenFormatReader::isValid() const {
+  bool isDirectory = false;
+  bool valid = PXFileManager::fileExists(rootFolderPath_, &isDirectory) && isDirectory;
+  for (const auto* relative :
+       {&metaJSONPath, &userJSONPath, &documentJSONPath, &imagesFolderPath, &previewsFolderPath, &pagesFolderPath})
+    valid = PXFileManager::fileExists(pathFor(*relative)) && valid;
+  return valid;
+}
+
+std::optional<std::string> PXSketchOpenFormatReader::pageIDByArtboardID(const std::string& artboardID) {
+  auto meta = metaJSON();
+  if (!meta) return std::nullopt;
+  const JsonObject* pages = nullptr;
+  if (auto it = meta->find("pagesAndArtboards"); it != meta->end()) pages = it->value().if_object();
+  if (!pages) return std::nullopt;
+  std::optional<std::string> found;
+  for (const auto& page : *pages) {
+    const auto* artboards = PXJsonObjectFor(&page.value(), "artboards");
+    if (artboards && artboards->contains(artboardID)) found = std::string(page.key());
+  }
+  return found;
+}
+
+std::optional<JsonObject> PXSketchOpenFormatReader::artboardJSONByID(const std::string& artboardID) {
+  auto pageID = pageIDByArtboardID(artboardID);
+  if (!pageID) return std::nullopt;
+  auto page = pageJSONByID(*pageID);
+  if (!page) return std::nullopt;
+  auto it = page->find("layers");
+  if (it == page->end() || !it->value().is_array()) return std::nullopt;
+  const JsonObject* match = nullptr;
+  for (const auto& layer : it->value().get_array()) {
+    auto cls = PXJsonTextFor(&layer, "_class");
+    auto id = PXJsonTextFor(&layer, "do_objectID");
+    if (cls && (*cls == "artboard" || *cls == "symbolMaster") && id && *id == artboardID)
+      match = &layer.get_object();
+  }
+  if (!match) return std::nullopt;
+  return *match;
+}
+
+int64_t PXSketchOpenFormatReader::pageIndexByPageID(const std::optional<std::string>& pageID) {
+  if (!pageID) return NotFound;
+  auto document = documentJSON();
+  if (!document) return NotFound;
+  auto it = document->find("pages");
+  if (it == document->end() || !it->value().is_array()) return NotFound;
+  int64_t index = 0;
+  for (const auto& ref : it->value().get_array()) {
+    // The "_ref" values form the list searched; entries without one are not in it.
+    auto text = PXJsonTextFor(&ref, "_ref");
+    if (!text) continue;
+    if (text->find(*pageID) != std::string_view::npos) return index;
+    ++index;
+  }
+  return NotFound;
+}
+
+std::vector<std::string> PXSketchOpenFormatReader::artboardIDs() {
+  std::vector<std::string> ids;
+  auto meta = metaJSON();
+  if (!meta) return ids;
+  auto it = meta->find("pagesAndArtboards");
+  if (it == meta->end() || !it->value().is_object()) return ids;
+  for (const auto& page : it->value().get_object()) {
+    const auto* artboards = PXJsonObjectFor(&page.value(), "artboards");
+    if (!artboards) continue;
+    for (const auto& artboard : *artboards) ids.emplace_back(artboard.key());
+  }
+  return ids;
+}
+
+std::vector<std::string> PXSketchOpenFormatReader::sortedArtboardIDs() {
+  auto all = artboardIDs();
+  std::set<std::string> remaining(all.begin(), all.end());
+  std::vector<std::string> sorted;
+  auto document = documentJSON();
+  const JsonArray* pages = nullptr;
+  if (document) {
+    if (auto it = document->find("pages"); it != document->end()) pages = it->value().if_array();
+  }
+  for (const auto& ref : pages ? *pages : JsonArray()) {
+    auto refText = PXJsonTextFor(&ref, "_ref");
+    if (!refText) continue;
+    auto page = pageJSONByID(removingAll(std::string(*refText), "pages/"));
+    if (!page) continue;
+    auto it = page->find("layers");
+    if (it == page->end() || !it->value().is_array()) continue;
+    std::vector<std::string> onPage;
+    for (const auto& layer : it->value().get_array()) {
+      auto id = PXJsonTextFor(&layer, "do_objectID");
+      if (!id) continue;
+      auto found = remaining.find(std::string(*id));
+      if (found == remaining.end()) continue;
+      onPage.insert(onPage.begin(), *found);
+      remaining.erase(found);
+    }
+    sorted.insert(sorted.end(), onPage.begin(), onPage.end());
+  }
+  sorted.insert(sorted.end(), remaining.begin(), remaining.end());  // std::set is ascending
+  return sorted;
+}
+
+std::optional<double> PXSketchOpenFormatReader::castNumber(const JsonValue* value) {
+  if (!value) return 0.0;
+  if (value->is_number() || value->is_bool() || value->is_string()) return PXJsonDouble(value);
+  return std::nullopt;
+}
+
+}  // namespace plexa

@@ -1,0 +1,330 @@
+#include "Json.h"
+
+#include <boost/json/parse.hpp>
+
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <cstdlib>
+#include <limits>
+#include <stdexcept>
+#include <vector>
+
+namespace plexa {
+
+namespace {
+
+struct NonFiniteNumber : std::runtime_error {
+  NonFiniteNumber() : std::runtime_error("Invalid number value (NaN or infinity) in JSON write") {}
+};
+
+class Writer {
+ public:
+  explicit Writer(bool pretty) : pretty_(pretty) {}
+
+  std::string take() { return std::move(out_); }
+
+  void write(const JsonValue& v, int depth) {
+    switch (v.kind()) {
+      case boost::json::kind::null: out_ += "null"; break;
+      case boost::json::kind::bool_: out_ += v.get_bool() ? "true" : "false"; break;
+      case boost::json::kind::int64: appendInteger(v.get_int64()); break;
+      case boost::json::kind::uint64: appendInteger(v.get_uint64()); break;
+      case boost::json::kind::double_: appendDouble(v.get_double()); break;
+      case boost::json::kind::string: appendString(v.get_string()); break;
+      case boost::json::kind::array: writeArray(v.get_array(), depth); break;
+      case boost::json::kind::object: writeObject(v.get_object(), depth); break;
+    }
+  }
+
+ private:
+  void newline(int depth) {
+    if (!pretty_) return;
+    out_ += '\n';
+    out_.append(static_cast<size_t>(depth) * 2, ' ');
+  }
+
+  void writeArray(const JsonArray& a, int depth) {
+    if (a.empty()) { out_ += "[]"; return; }
+    out_ += '[';
+    bool first = true;
+    for (const auto& e : a) {
+      if (!first) out_ += ',';
+      first = false;
+      newline(depth + 1);
+      write(e, depth + 1);
+    }
+    newline(depth);
+    out_ += ']';
+  }
+
+  void writeObject(const JsonObject& o, int depth) {
+    if (o.empty()) { out_ += "{}"; return; }
+    out_ += '{';
+    bool first = true;
+    for (const auto& kv : o) {
+      if (!first) out_ += ',';
+      first = false;
+      newline(depth + 1);
+      appendString(kv.key());
+      out_ += pretty_ ? " : " : ":";
+      write(kv.value(), depth + 1);
+    }
+    newline(depth);
+    out_ += '}';
+  }
+
+  template <typename T>
+  void appendInteger(T n) {
+    std::array<char, 32> buf{};
+    auto r = std::to_chars(buf.data(), buf.data() + buf.size(), n);
+    out_.append(buf.data(), r.ptr);
+  }
+
+  void appendDouble(double d) {
+    if (!std::isfinite(d)) throw NonFiniteNumber();
+    if (d == std::trunc(d) && std::fabs(d) < 9.2e18) {
+      appendInteger(static_cast<int64_t>(d));  // also turns -0.0 into 0
+      return;
+    }
+    std::array<char, 64> buf{};
+    auto r = std::to_chars(buf.data(), buf.data() + buf.size(), d);
+    out_.append(buf.data(), r.ptr);
+  }
+
+  void appendString(std::string_view s) {
+    out_ += '"';
+    for (unsigned char c : s) {
+      switch (c) {
+        case '"': out_ += "\\\""; break;
+        case '\\': out_ += "\\\\"; break;
+        case '\n': out_ += "\\n"; break;
+        case '\r': out_ += "\\r"; break;
+        case '\t': out_ += "\\t"; break;
+        case '\b': out_ += "\\b"; break;
+        case '\f': out_ += "\\f"; break;
+        default:
+          if (c < 0x20) {
+            static const char* hex = "0123456789abcdef";
+            out_ += "\\u00";
+            out_ += hex[c >> 4];
+            out_ += hex[c & 0xF];
+          } else {
+            out_ += static_cast<char>(c);
+          }
+      }
+    }
+    out_ += '"';
+  }
+
+  bool pretty_;
+  std::string out_;
+};
+
+std::optional<double> leadingNumber(std::string_view s) {
+  std::string copy(s);  // strtod needs a terminated buffer
+  const char* begin = copy.c_str();
+  char* end = nullptr;
+  double d = std::strtod(begin, &end);
+  if (end == begin || !std::isfinite(d)) return std::nullopt;
+  return d;
+}
+
+bool caseInsensitiveStartsWith(std::string_view s, std::string_view prefix) {
+  if (s.size() < prefix.size()) return false;
+  for (size_t i = 0; i < prefix.size(); ++i)
+    if (std::tolower(static_cast<unsigned char>(s[i])) != prefix[i]) return false;
+  return true;
+}
+
+std::vector<std::string_view> splitKeyPath(std::string_view path) {
+  std::vector<std::string_view> parts;
+  size_t start = 0;
+  while (start <= path.size()) {
+    size_t dot = path.find('.', start);
+    if (dot == std::string_view::npos) dot = path.size();
+    parts.push_back(path.substr(start, dot - start));
+    start = dot + 1;
+  }
+  return parts;
+}
+
+std::optional<JsonValue> valueForKey(const JsonValue& v, std::string_view key) {
+  if (const auto* o = v.if_object()) {
+    auto it = o->find(key);
+    if (it == o->end()) return std::nullopt;
+    return it->value();
+  }
+  if (const auto* a = v.if_array()) {
+    JsonArray mapped;
+    for (const auto& e : *a)
+      if (auto r = valueForKey(e, key)) mapped.push_back(std::move(*r));
+    return JsonValue(std::move(mapped));
+  }
+  return std::nullopt;
+}
+
+std::optional<JsonValue> maxOf(const JsonArray& a) {
+  std::optional<double> best;
+  const JsonValue* bestValue = nullptr;
+  for (const auto& e : a) {
+    auto d = PXJsonDouble(&e);
+    if (d && (!best || *d > *best)) { best = d; bestValue = &e; }
+  }
+  if (!bestValue) return std::nullopt;
+  return *bestValue;
+}
+
+}  // namespace
+
+std::optional<std::string> PXJsonSerialize(const JsonValue& value, bool pretty, std::string* error) {
+  try {
+    Writer w(pretty);
+    w.write(value, 0);
+    return w.take();
+  } catch (const std::exception& e) {
+    if (error) *error = e.what();
+    return std::nullopt;
+  }
+}
+
+std::optional<JsonValue> PXJsonParse(std::string_view text, std::string* error) {
+  boost::system::error_code ec;
+  JsonValue v = boost::json::parse(text, ec);
+  if (ec) {
+    if (error) *error = ec.message();
+    return std::nullopt;
+  }
+  return v;
+}
+
+const JsonValue* PXJsonFind(const JsonValue* object, std::string_view key) {
+  if (!object) return nullptr;
+  const auto* o = object->if_object();
+  if (!o) return nullptr;
+  auto it = o->find(key);
+  return it == o->end() ? nullptr : &it->value();
+}
+
+JsonValue* PXJsonFindMutable(JsonValue* object, std::string_view key) {
+  if (!object) return nullptr;
+  auto* o = object->if_object();
+  if (!o) return nullptr;
+  auto it = o->find(key);
+  return it == o->end() ? nullptr : &it->value();
+}
+
+const JsonObject* PXJsonObjectFor(const JsonValue* object, std::string_view key) {
+  const auto* v = PXJsonFind(object, key);
+  return v ? v->if_object() : nullptr;
+}
+
+const JsonArray* PXJsonArrayFor(const JsonValue* object, std::string_view key) {
+  const auto* v = PXJsonFind(object, key);
+  return v ? v->if_array() : nullptr;
+}
+
+const JsonString* PXJsonStringFor(const JsonValue* object, std::string_view key) {
+  const auto* v = PXJsonFind(object, key);
+  return v ? v->if_string() : nullptr;
+}
+
+std::optional<double> PXJsonDouble(const JsonValue* value) {
+  if (!value) return std::nullopt;
+  switch (value->kind()) {
+    case boost::json::kind::bool_: return value->get_bool() ? 1.0 : 0.0;
+    case boost::json::kind::int64: return static_cast<double>(value->get_int64());
+    case boost::json::kind::uint64: return static_cast<double>(value->get_uint64());
+    case boost::json::kind::double_: {
+      double d = value->get_double();
+      if (!std::isfinite(d)) return std::nullopt;
+      return d;
+    }
+    case boost::json::kind::string: return leadingNumber(value->get_string());
+    default: return std::nullopt;
+  }
+}
+
+std::optional<float> PXJsonFloat(const JsonValue* value) {
+  auto d = PXJsonDouble(value);
+  if (!d) return std::nullopt;
+  float f = static_cast<float>(*d);
+  if (!std::isfinite(f)) return std::nullopt;
+  return f;
+}
+
+std::optional<int64_t> PXJsonInt64(const JsonValue* value) {
+  if (!value) return std::nullopt;
+  if (value->is_int64()) return value->get_int64();
+  if (value->is_uint64()) {
+    uint64_t u = value->get_uint64();
+    return u > static_cast<uint64_t>(std::numeric_limits<int64_t>::max())
+               ? std::numeric_limits<int64_t>::max()
+               : static_cast<int64_t>(u);
+  }
+  auto d = PXJsonDouble(value);
+  if (!d) return std::nullopt;
+  if (*d >= 9.2233720368547758e18) return std::numeric_limits<int64_t>::max();
+  if (*d <= -9.2233720368547758e18) return std::numeric_limits<int64_t>::min();
+  return static_cast<int64_t>(*d);
+}
+
+std::optional<bool> PXJsonBool(const JsonValue* value) {
+  if (!value) return std::nullopt;
+  if (const auto* s = value->if_string()) {
+    std::string_view t = *s;
+    while (!t.empty() && std::isspace(static_cast<unsigned char>(t.front()))) t.remove_prefix(1);
+    if (caseInsensitiveStartsWith(t, "true") || caseInsensitiveStartsWith(t, "yes")) return true;
+    auto d = leadingNumber(t);
+    return d && *d != 0;
+  }
+  auto d = PXJsonDouble(value);
+  if (!d) return std::nullopt;
+  return *d != 0;
+}
+
+std::optional<std::string_view> PXJsonText(const JsonValue* value) {
+  if (!value || !value->is_string()) return std::nullopt;
+  return std::string_view(value->get_string());
+}
+
+std::optional<double> PXJsonDoubleFor(const JsonValue* object, std::string_view key) {
+  return PXJsonDouble(PXJsonFind(object, key));
+}
+std::optional<int64_t> PXJsonInt64For(const JsonValue* object, std::string_view key) {
+  return PXJsonInt64(PXJsonFind(object, key));
+}
+std::optional<bool> PXJsonBoolFor(const JsonValue* object, std::string_view key) {
+  return PXJsonBool(PXJsonFind(object, key));
+}
+std::optional<std::string_view> PXJsonTextFor(const JsonValue* object, std::string_view key) {
+  return PXJsonText(PXJsonFind(object, key));
+}
+
+std::optional<JsonValue> PXValueForKeyPath(const JsonValue& root, std::string_view keyPath) {
+  auto parts = splitKeyPath(keyPath);
+  std::optional<JsonValue> current = root;
+  for (size_t i = 0; i < parts.size() && current; ++i) {
+    std::string_view key = parts[i];
+    if (key == "@count") {
+      const auto* a = current->if_array();
+      if (!a) return std::nullopt;
+      current = JsonValue(static_cast<int64_t>(a->size()));
+    } else if (key == "@firstObject") {
+      const auto* a = current->if_array();
+      if (!a || a->empty()) return std::nullopt;
+      current = JsonValue((*a)[0]);
+    } else if (key == "@max") {
+      // "@max.<key>": collect <key> over the elements, then take the largest.
+      if (i + 1 >= parts.size()) return std::nullopt;
+      auto mapped = valueForKey(*current, parts[++i]);
+      if (!mapped || !mapped->is_array()) return std::nullopt;
+      current = maxOf(mapped->get_array());
+    } else {
+      current = valueForKey(*current, key);
+    }
+  }
+  return current;
+}
+
+}  // namespace plexa

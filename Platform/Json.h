@@ -1,0 +1,68 @@
+#pragma once
+// The JSON model of the library: Boost.JSON values, our own writer, lenient
+// number reads and a small key-path evaluator.
+//
+// Absent is a null `const JsonValue*` or an empty std::optional; the JSON null
+// marker is a JsonValue holding null. The two are never the same thing.
+
+#include <boost/json/array.hpp>
+#include <boost/json/object.hpp>
+#include <boost/json/string.hpp>
+#include <boost/json/value.hpp>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace plexa {
+
+using JsonValue = boost::json::value;
+using JsonObject = boost::json::object;
+using JsonArray = boost::json::array;
+using JsonString = boost::json::string;
+
+// Writes `value` the way the rest of the system expects to read it back:
+// pretty form is 2-space indented with `"key" : value`, keys in insertion
+// order, "/" unescaped, whole doubles as integers, other doubles in shortest
+// round-trip form. NaN or infinity anywhere makes it fail (nullopt, reason in
+// `error`).
+std::optional<std::string> PXJsonSerialize(const JsonValue& value, bool pretty,
+                                           std::string* error = nullptr);
+
+// Parses UTF-8 JSON text; nullopt with the parser's message in `error`.
+std::optional<JsonValue> PXJsonParse(std::string_view text, std::string* error = nullptr);
+
+// Typed look-ups: nullptr when `object` is not an object, the key is missing,
+// or the value is of another kind.
+const JsonValue* PXJsonFind(const JsonValue* object, std::string_view key);
+const JsonObject* PXJsonObjectFor(const JsonValue* object, std::string_view key);
+const JsonArray* PXJsonArrayFor(const JsonValue* object, std::string_view key);
+const JsonString* PXJsonStringFor(const JsonValue* object, std::string_view key);
+JsonValue* PXJsonFindMutable(JsonValue* object, std::string_view key);
+
+// Lenient reads in the manner of NSNumber/NSString value accessors: numbers,
+// booleans and numeric strings (leading number prefix, as strtod) convert;
+// anything else, and non-finite results, are absent.
+std::optional<double> PXJsonDouble(const JsonValue* value);
+std::optional<float> PXJsonFloat(const JsonValue* value);
+// Truncates toward zero and clamps to the type's range.
+std::optional<int64_t> PXJsonInt64(const JsonValue* value);
+// Numbers: non-zero is true. Strings: "true"/"yes" (any case) or a non-zero
+// leading integer, as NSString boolValue.
+std::optional<bool> PXJsonBool(const JsonValue* value);
+// The string's text, or absent when the value is not a string.
+std::optional<std::string_view> PXJsonText(const JsonValue* value);
+
+// Convenience forms on an object member.
+std::optional<double> PXJsonDoubleFor(const JsonValue* object, std::string_view key);
+std::optional<int64_t> PXJsonInt64For(const JsonValue* object, std::string_view key);
+std::optional<bool> PXJsonBoolFor(const JsonValue* object, std::string_view key);
+std::optional<std::string_view> PXJsonTextFor(const JsonValue* object, std::string_view key);
+
+// Key-value coding over JSON: a key looks into an object; on an array it maps
+// over the elements and gives an array (absent results left out); "@count",
+// "@max.<key>" and "@firstObject" act on the array reached so far.
+std::optional<JsonValue> PXValueForKeyPath(const JsonValue& root, std::string_view keyPath);
+
+}  // namespace plexa

@@ -1,0 +1,274 @@
+#include "Zip.h"
+
+#include "Files.h"
+#include "PathString.h"
+
+#include <zip.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <memory>
+
+namespace plexa::PXZip {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct ArchiveCloser {
+  void operator()(zip_t* z) const { zip_discard(z); }
+};
+using Archive = std::unique_ptr<zip_t, ArchiveCloser>;
+
+struct FileCloser {
+  void operator()(zip_file_t* f) const { zip_fclose(f); }
+};
+
+Archive openForReading(const std::string& path, std::string* error) {
+  int code = 0;
+  zip_t* z = zip_open(path.c_str(), ZIP_RDONLY, &code);
+  if (!z) {
+    zip_error_t e;
+    zip_error_init_with_code(&e, code);
+    if (error) *error = std::string("not a readable zip archive (") + zip_error_strerror(&e) + ")";
+    zip_error_fini(&e);
+  }
+  return Archive(z);
+}
+
+bool isUnsafeName(const std::string& name) {
+  if (name.empty() || name[0] == '/' || name.find('\0') != std::string::npos) return true;
+  size_t start = 0;
+  while (start <= name.size()) {
+    size_t slash = name.find('/', start);
+    if (slash == std::string::npos) slash = name.size();
+    if (name.compare(start, slash - start, "..") == 0 && slash - start == 2) return true;
+    start = slash + 1;
+  }
+  return false;
+}
+
+bool isSymbolicLinkEntry(zip_t* z, zip_uint64_t index) {
+  zip_uint8_t opsys = 0;
+  zip_uint32_t attributes = 0;
+  if (zip_file_get_external_attributes(z, index, 0, &opsys, &attributes) != 0) return false;
+  return opsys == ZIP_OPSYS_UNIX && ((attributes >> 16) & S_IFMT) == S_IFLNK;
+}
+
+// Streams one entry to `target`, counting against the remaining budget.
+bool writeEntry(zip_t* z, zip_uint64_t index, const std::string& target, uint64_t& budget, std::string& error) {
+  std::unique_ptr<zip_file_t, FileCloser> in(zip_fopen_index(z, index, 0));
+  if (!in) {
+    error = std::string("cannot read entry: ") + zip_strerror(z);
+    return false;
+  }
+  int fd = ::open(target.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+  if (fd < 0) {
+    error = "cannot create " + target;
+    return false;
+  }
+  char buffer[1 << 16];
+  bool ok = true;
+  while (true) {
+    zip_int64_t n = zip_fread(in.get(), buffer, sizeof buffer);
+    if (n < 0) {
+      error = std::string("corrupt entry data: ") + zip_file_strerror(in.get());
+      ok = false;
+      break;
+    }
+    if (n == 0) break;
+    if (static_cast<uint64_t>(n) > budget) {
+      error = "archive exceeds the uncompressed size limit";
+      ok = false;
+      break;
+    }
+    budget -= static_cast<uint64_t>(n);
+    if (::write(fd, buffer, static_cast<size_t>(n)) != n) {
+      error = "cannot write " + target;
+      ok = false;
+      break;
+    }
+  }
+  ::close(fd);
+  return ok;
+}
+
+bool addSource(zip_t* z, const std::string& name, zip_source_t* source, std::string* error) {
+  if (!source) {
+    if (error) *error = zip_strerror(z);
+    return false;
+  }
+  zip_int64_t index = zip_file_add(z, name.c_str(), source, ZIP_FL_ENC_UTF_8 | ZIP_FL_OVERWRITE);
+  if (index < 0) {
+    zip_source_free(source);
+    if (error) *error = zip_strerror(z);
+    return false;
+  }
+  zip_set_file_compression(z, static_cast<zip_uint64_t>(index), ZIP_CM_DEFLATE, 0);
+  return true;
+}
+
+// Opens a fresh archive beside the target; finish() renames it into place.
+struct PendingArchive {
+  std::string target;
+  std::string temp;
+  zip_t* z = nullptr;
+
+  explicit PendingArchive(std::string path) : target(std::move(path)), temp(target + ".partial") {
+    int code = 0;
+    std::error_code ec;
+    fs::remove(temp, ec);
+    z = zip_open(temp.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &code);
+  }
+  ~PendingArchive() {
+    if (z) zip_discard(z);
+    std::error_code ec;
+    fs::remove(temp, ec);
+  }
+  bool finish(std::string* error) {
+    zip_t* closing = z;
+    z = nullptr;
+    if (zip_close(closing) != 0) {
+      if (error) *error = zip_strerror(closing);
+      zip_discard(closing);
+      return false;
+    }
+    std::error_code ec;
+    fs::rename(temp, target, ec);
+    if (ec && error) *error = ec.message();
+    return !ec;
+  }
+};
+
+}  // namespace
+
+PXZipResult extractAll(const std::string& archivePath, const std::string& destination, const PXZipLimits& limits) {
+  PXZipResult result;
+  auto z = openForReading(archivePath, &result.error);
+  if (!z) return result;
+  if (!PXFileManager::createDirectory(destination, true, &result.error)) return result;
+  uint64_t budget = limits.maxTotalUncompressedBytes;
+  zip_int64_t count = zip_get_num_entries(z.get(), 0);
+  for (zip_uint64_t i = 0; i < static_cast<zip_uint64_t>(count); ++i) {
+    const char* raw = zip_get_name(z.get(), i, ZIP_FL_ENC_GUESS);
+    std::string name = raw ? raw : "";
+    if (isUnsafeName(name)) {
+      result.error = "refused entry with an unsafe path: \"" + name + "\"";
+      return result;
+    }
+    if (isSymbolicLinkEntry(z.get(), i)) {
+      result.error = "refused symbolic link entry: \"" + name + "\"";
+      return result;
+    }
+    auto target = PXResolveInside(destination, name);
+    if (!target) {
+      result.error = "refused entry outside the destination: \"" + name + "\"";
+      return result;
+    }
+    if (name.back() == '/') {
+      if (!PXFileManager::createDirectory(*target, true, &result.error)) return result;
+      continue;
+    }
+    if (!PXFileManager::createDirectory(PXDeletingLastPathComponent(*target), true, &result.error)) return result;
+    if (!writeEntry(z.get(), i, *target, budget, result.error)) return result;
+    result.entries.push_back(name);
+  }
+  result.ok = true;
+  return result;
+}
+
+std::optional<std::vector<std::string>> entryNames(const std::string& archivePath, std::string* error) {
+  auto z = openForReading(archivePath, error);
+  if (!z) return std::nullopt;
+  std::vector<std::string> names;
+  zip_int64_t count = zip_get_num_entries(z.get(), 0);
+  for (zip_uint64_t i = 0; i < static_cast<zip_uint64_t>(count); ++i) {
+    const char* name = zip_get_name(z.get(), i, ZIP_FL_ENC_GUESS);
+    if (name) names.emplace_back(name);
+  }
+  return names;
+}
+
+std::optional<std::string> readEntry(const std::string& archivePath, const std::string& name, std::string* error) {
+  auto z = openForReading(archivePath, error);
+  if (!z) return std::nullopt;
+  zip_stat_t st;
+  if (zip_stat(z.get(), name.c_str(), 0, &st) != 0) {
+    if (error) *error = "no entry " + name;
+    return std::nullopt;
+  }
+  std::unique_ptr<zip_file_t, FileCloser> in(zip_fopen(z.get(), name.c_str(), 0));
+  if (!in) {
+    if (error) *error = zip_strerror(z.get());
+    return std::nullopt;
+  }
+  std::string data;
+  char buffer[1 << 16];
+  zip_int64_t n;
+  while ((n = zip_fread(in.get(), buffer, sizeof buffer)) > 0) data.append(buffer, static_cast<size_t>(n));
+  if (n < 0) {
+    if (error) *error = zip_file_strerror(in.get());
+    return std::nullopt;
+  }
+  return data;
+}
+
+bool zipFolder(const std::string& folder, const std::string& archivePath, std::string* error) {
+  std::error_code ec;
+  std::vector<fs::path> items;
+  for (fs::recursive_directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
+    if (it->is_symlink()) continue;  // never archive what a link points at
+    items.push_back(it->path());
+  }
+  if (ec) {
+    if (error) *error = ec.message();
+    return false;
+  }
+  std::sort(items.begin(), items.end());
+  PendingArchive archive(archivePath);
+  if (!archive.z) {
+    if (error) *error = "cannot create " + archivePath;
+    return false;
+  }
+  for (const auto& item : items) {
+    std::string name = item.lexically_relative(folder).generic_string();
+    if (fs::is_directory(item)) {
+      if (zip_dir_add(archive.z, name.c_str(), ZIP_FL_ENC_UTF_8) < 0) {
+        if (error) *error = zip_strerror(archive.z);
+        return false;
+      }
+      continue;
+    }
+    if (!addSource(archive.z, name, zip_source_file(archive.z, item.c_str(), 0, -1), error))
+      return false;
+  }
+  return archive.finish(error);
+}
+
+bool zipEntries(const std::vector<std::pair<std::string, std::string>>& entries, const std::string& archivePath,
+                std::string* error) {
+  PendingArchive archive(archivePath);
+  if (!archive.z) {
+    if (error) *error = "cannot create " + archivePath;
+    return false;
+  }
+  for (const auto& [name, bytes] : entries) {
+    if (!name.empty() && name.back() == '/') {
+      if (zip_dir_add(archive.z, name.c_str(), ZIP_FL_ENC_UTF_8) < 0) {
+        if (error) *error = zip_strerror(archive.z);
+        return false;
+      }
+      continue;
+    }
+    // The buffers live until finish(), so libzip may reference them.
+    if (!addSource(archive.z, name, zip_source_buffer(archive.z, bytes.data(), bytes.size(), 0), error))
+      return false;
+  }
+  return archive.finish(error);
+}
+
+}  // namespace plexa::PXZip

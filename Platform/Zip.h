@@ -1,0 +1,50 @@
+#pragma once
+// Zip archives in-process (libzip): safe extraction of a whole archive,
+// reading single entries, and writing a folder or in-memory entries.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace plexa {
+
+struct PXZipLimits {
+  // Extraction stops, and fails, past this many uncompressed bytes in total.
+  uint64_t maxTotalUncompressedBytes = 2ull << 30;
+};
+
+struct PXZipResult {
+  bool ok = false;
+  std::string error;  // one line, names the reason
+  std::vector<std::string> entries;  // names written, in archive order
+};
+
+namespace PXZip {
+
+// Extracts every entry under `destination`. Refuses (and fails on) entries
+// with absolute paths, ".." components or symbolic links, and archives past
+// the size cap; nothing is ever written outside `destination`.
+PXZipResult extractAll(const std::string& archivePath, const std::string& destination,
+                       const PXZipLimits& limits = {});
+
+// The names of the entries, in archive order; nullopt when not a zip.
+std::optional<std::vector<std::string>> entryNames(const std::string& archivePath, std::string* error = nullptr);
+
+// One entry's bytes; nullopt when missing or unreadable.
+std::optional<std::string> readEntry(const std::string& archivePath, const std::string& name,
+                                     std::string* error = nullptr);
+
+// Writes a new archive at `archivePath` (replacing it atomically) holding
+// the folder's contents at the archive's root, deflated.
+bool zipFolder(const std::string& folder, const std::string& archivePath, std::string* error = nullptr);
+
+// Writes a new archive from (name, bytes) pairs, in order. Names ending in
+// "/" are folders.
+bool zipEntries(const std::vector<std::pair<std::string, std::string>>& entries, const std::string& archivePath,
+                std::string* error = nullptr);
+
+}  // namespace PXZip
+
+}  // namespace plexa

@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# Installs what the project needs on Debian 12 (only when missing) and builds
+# it. Usage: scripts/setup.sh [build-dir] [extra cmake options...]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+packages=(
+  build-essential cmake ninja-build ccache pkg-config
+  libboost-json1.81-dev libboost1.81-dev libboost-filesystem1.81-dev
+  libzip-dev libssl-dev libspdlog-dev libplist-dev
+  libpango1.0-dev libfontconfig-dev libsdbus-c++-dev libcli11-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
+  dbus-daemon dbus fonts-roboto fonts-open-sans
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "setup: installing ${missing[*]}"
+  sudo=""; [ "$(id -u)" -ne 0 ] && sudo="sudo"
+  $sudo apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+fi
+
+build="${1:-build}"; shift || true
+export CCACHE_DIR="${CCACHE_DIR:-$HOME/.cache/ccache}"
+export CCACHE_SLOPPINESS="${CCACHE_SLOPPINESS:-pch_defines,time_macros,include_file_mtime,include_file_ctime}"
+if [ ! -f "$build/build.ninja" ]; then
+  cmake -S . -B "$build" -G Ninja "$@" >/dev/null
+fi
+cmake --build "$build"
