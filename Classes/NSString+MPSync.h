@@ -9,7 +9,8 @@
 
 namespace plexa {
 
-// Trims blanks, tabs and line ends at both ends.
+// Trims blanks, tabs and line ends at both ends, Unicode spaces and line
+// separators included.
 std::string trimWhiteSpace_mps(std::string_view s);
 // True for absent, "" or white space only.
 bool stringIsEmpty_mps(const std::optional<std::string_view>& s);

@@ -5,6 +5,7 @@
 
 #include <zip.h>
 
+#include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -52,11 +53,30 @@ bool isUnsafeName(const std::string& name) {
   return false;
 }
 
+// Entry names go into one-line messages: no control characters, bounded.
+std::string printable(const std::string& name) {
+  std::string out;
+  for (char c : name.substr(0, 200)) out.push_back(static_cast<unsigned char>(c) < 0x20 || c == 0x7f ? '?' : c);
+  if (name.size() > 200) out += "...";
+  return out;
+}
+
 bool isSymbolicLinkEntry(zip_t* z, zip_uint64_t index) {
   zip_uint8_t opsys = 0;
   zip_uint32_t attributes = 0;
   if (zip_file_get_external_attributes(z, index, 0, &opsys, &attributes) != 0) return false;
   return opsys == ZIP_OPSYS_UNIX && ((attributes >> 16) & S_IFMT) == S_IFLNK;
+}
+
+bool writeAll(int fd, const char* data, size_t size) {
+  while (size > 0) {
+    ssize_t n = ::write(fd, data, size);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    data += n;
+    size -= static_cast<size_t>(n);
+  }
+  return true;
 }
 
 // Streams one entry to `target`, counting against the remaining budget.
@@ -68,7 +88,7 @@ bool writeEntry(zip_t* z, zip_uint64_t index, const std::string& target, uint64_
   }
   int fd = ::open(target.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
   if (fd < 0) {
-    error = "cannot create " + target;
+    error = "cannot create " + printable(target);
     return false;
   }
   char buffer[1 << 16];
@@ -87,14 +107,47 @@ bool writeEntry(zip_t* z, zip_uint64_t index, const std::string& target, uint64_
       break;
     }
     budget -= static_cast<uint64_t>(n);
-    if (::write(fd, buffer, static_cast<size_t>(n)) != n) {
-      error = "cannot write " + target;
+    if (!writeAll(fd, buffer, static_cast<size_t>(n))) {
+      error = "cannot write " + printable(target);
       ok = false;
       break;
     }
   }
-  ::close(fd);
+  if (::close(fd) != 0 && ok) {
+    error = "cannot write " + printable(target);
+    ok = false;
+  }
   return ok;
+}
+
+// Every entry is judged before anything is written, so a refused archive
+// leaves the destination untouched.
+bool checkEntries(zip_t* z, zip_uint64_t count, uint64_t limit, std::string& error) {
+  uint64_t declared = 0;
+  for (zip_uint64_t i = 0; i < count; ++i) {
+    const char* raw = zip_get_name(z, i, ZIP_FL_ENC_GUESS);
+    std::string name = raw ? raw : "";
+    if (isUnsafeName(name)) {
+      error = "refused entry with an unsafe path: \"" + printable(name) + "\"";
+      return false;
+    }
+    if (isSymbolicLinkEntry(z, i)) {
+      error = "refused symbolic link entry: \"" + printable(name) + "\"";
+      return false;
+    }
+    // Sizes in the directory may lie; they only allow an early refusal, the
+    // bytes actually inflated are counted again while writing.
+    zip_stat_t st;
+    zip_stat_init(&st);
+    if (zip_stat_index(z, i, 0, &st) == 0 && (st.valid & ZIP_STAT_SIZE)) {
+      if (st.size > limit - declared) {
+        error = "archive exceeds the uncompressed size limit";
+        return false;
+      }
+      declared += st.size;
+    }
+  }
+  return true;
 }
 
 bool addSource(zip_t* z, const std::string& name, zip_source_t* source, std::string* error) {
@@ -150,23 +203,16 @@ PXZipResult extractAll(const std::string& archivePath, const std::string& destin
   PXZipResult result;
   auto z = openForReading(archivePath, &result.error);
   if (!z) return result;
-  if (!PXFileManager::createDirectory(destination, true, &result.error)) return result;
   uint64_t budget = limits.maxTotalUncompressedBytes;
-  zip_int64_t count = zip_get_num_entries(z.get(), 0);
-  for (zip_uint64_t i = 0; i < static_cast<zip_uint64_t>(count); ++i) {
+  zip_uint64_t count = static_cast<zip_uint64_t>(std::max<zip_int64_t>(zip_get_num_entries(z.get(), 0), 0));
+  if (!checkEntries(z.get(), count, budget, result.error)) return result;
+  if (!PXFileManager::createDirectory(destination, true, &result.error)) return result;
+  for (zip_uint64_t i = 0; i < count; ++i) {
     const char* raw = zip_get_name(z.get(), i, ZIP_FL_ENC_GUESS);
     std::string name = raw ? raw : "";
-    if (isUnsafeName(name)) {
-      result.error = "refused entry with an unsafe path: \"" + name + "\"";
-      return result;
-    }
-    if (isSymbolicLinkEntry(z.get(), i)) {
-      result.error = "refused symbolic link entry: \"" + name + "\"";
-      return result;
-    }
     auto target = PXResolveInside(destination, name);
     if (!target) {
-      result.error = "refused entry outside the destination: \"" + name + "\"";
+      result.error = "refused entry outside the destination: \"" + printable(name) + "\"";
       return result;
     }
     if (name.back() == '/') {

@@ -1,0 +1,86 @@
+#pragma once
+// Turns the input .sketch file into an unzipped folder of JSON files for the
+// later stages, detaching symbols on the way when asked to.
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace plexa {
+
+class PXSketchUnzipper;
+
+class PXSketchUnzipperDelegate {
+ public:
+  virtual ~PXSketchUnzipperDelegate() = default;
+  // Step `progress` of `count` of the detachment is done.
+  virtual void sketchUnzipper(PXSketchUnzipper& unzipper, uint64_t progress, uint64_t count) = 0;
+};
+
+// What one unzip did: a one-line account (what was written, or why it
+// failed) and whether the folder can be trusted.
+struct PXSketchUnzipResult {
+  bool success = false;
+  std::string output;
+};
+
+class PXSketchUnzipper : public std::enable_shared_from_this<PXSketchUnzipper> {
+ public:
+  using Completion = std::function<void(bool success, const std::string& path)>;
+
+  static constexpr uint64_t kDefaultMaxUncompressedBytes = 2ull << 30;
+  static constexpr const char* kAsyncStatus = "async call, please use completion block to listen to changes";
+
+  static std::shared_ptr<PXSketchUnzipper> make();
+  ~PXSketchUnzipper();
+  PXSketchUnzipper(const PXSketchUnzipper&) = delete;
+  PXSketchUnzipper& operator=(const PXSketchUnzipper&) = delete;
+
+  std::string sketchFilePath;
+  std::string detachedSketchFilePath;
+  std::string outputFolderPath;
+  std::optional<std::vector<std::string>> detachingArtboardIds;
+  bool prettyPrint = false;
+  // "none", "selection" or "all"; absent counts as "none".
+  std::optional<std::string> detachMethod;
+  bool v2Detacher = false;
+  std::string sketchToolPath;
+  std::weak_ptr<PXSketchUnzipperDelegate> delegate;
+  // Archives that inflate past this are refused.
+  uint64_t maxUncompressedBytes = kDefaultMaxUncompressedBytes;
+
+  // Unzips `sketchFilePath` into `folder` (detaching first or after, as
+  // configured) and returns a status text. The completion gets success and
+  // a path: the input file when nothing is detached.
+  std::string unzipToFolderPath(const std::string& folder, Completion completion = {});
+
+  // Extracts `source` into `destination` with this unzipper's pretty-print
+  // switch and size cap.
+  PXSketchUnzipResult unzip(const std::string& source, const std::string& destination) const;
+  // Extracts in-process; with `prettyPrint` every extracted .json file is
+  // rewritten indented, otherwise it keeps the archive's own bytes. A
+  // failure is logged once, as an error.
+  static PXSketchUnzipResult unzip(const std::string& source, const std::string& destination, bool prettyPrint,
+                                   uint64_t maxUncompressedBytes = kDefaultMaxUncompressedBytes);
+
+  // Forwards to the delegate on the main queue.
+  void updateProgress(uint64_t progress, uint64_t count);
+
+  void cancel();
+  bool isCancelled() const { return cancelled_.load(); }
+
+ private:
+  PXSketchUnzipper() = default;
+
+  bool detachesSymbols() const;
+  void detachUsingV2(Completion completion);
+  void detachUsingPlugin(Completion completion);
+
+  std::atomic<bool> cancelled_{false};
+};
+
+}  // namespace plexa

@@ -1,0 +1,141 @@
+#pragma once
+// Detaches the symbol instances of an unzipped Sketch document by rewriting
+// its JSON: every instance becomes a group holding its own copy of the
+// master's layers, resized to the instance, with the instance's overrides
+// applied. Changed pages are written back and the folder can be zipped into
+// a new .sketch file.
+
+#include "AttributedString.h"
+#include "Json.h"
+#include "KeyedArchive.h"
+#include "MPSGeometry.h"
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace plexa {
+
+class PXSymbolDetacherV2 {
+ public:
+  // (index, total) of the step in progress.
+  using Progress = std::function<void(std::size_t index, std::size_t total)>;
+  // symbolID → the master as it was found on disk.
+  using SymbolMap = std::map<std::string, JsonObject>;
+
+  struct Page {
+    std::string url;  // the page file, inside the working folder
+    JsonValue json;   // always holds an object
+  };
+
+  static std::shared_ptr<PXSymbolDetacherV2> detacherWithUrl(const std::string& workingUrl);
+  explicit PXSymbolDetacherV2(std::string workingUrl);
+  ~PXSymbolDetacherV2();
+  PXSymbolDetacherV2(const PXSymbolDetacherV2&) = delete;
+  PXSymbolDetacherV2& operator=(const PXSymbolDetacherV2&) = delete;
+
+  // The unzipped document folder; empty means none.
+  std::string workingUrl;
+  // document.json; absent until loaded or when it is not a JSON object.
+  std::optional<JsonObject> document;
+  // The pages of the document, in the document's order.
+  std::vector<Page> pages;
+  // Absent until findSymbols has run.
+  std::optional<SymbolMap> symbols;
+  // Pages in memory differ from the files.
+  bool isDirty = true;
+
+  // Guards against hostile documents: a chain of distinct symbols nested
+  // deeper than this, and detaching past this many copied layers in one
+  // run, leave the remaining instances as they are (logged).
+  std::size_t maxNestingDepth = 128;
+  std::size_t maxCopiedLayers = 5'000'000;
+
+  // Artboards whose contents are detached; empty means all.
+  void setDetachingArtboardIds(std::set<std::string> artboardIds);
+  const std::set<std::string>& detachingArtboardIds() const { return detachingArtboardIds_; }
+
+  // Natural text alignment follows the host's user-interface direction,
+  // which is process-wide; left to right unless the host says otherwise.
+  static void setUserInterfaceRightToLeft(bool rightToLeft);
+  static bool userInterfaceRightToLeft();
+
+  // ---- Loading, collecting and detaching
+
+  bool loadDocument(const Progress& progress = {});
+  void findSymbols(const Progress& progress = {});
+  void findSymbolsInNode(const JsonObject& node, SymbolMap& found) const;
+  void detachSymbols(const Progress& progress = {});
+  void detachSymbolsForNode(JsonObject& node, std::vector<std::string>& detachedSymbols);
+  void detachInstance(JsonObject& instance, const JsonObject& symbol);
+  void updateIdForNode(JsonObject& node);
+
+  // ---- Saving
+
+  void savePages();
+  // Saves the pages when dirty, then zips the working folder into
+  // `sketchFilePath`. False only when the working folder is missing.
+  bool saveToUrl(const std::string& sketchFilePath);
+  // The folder's contents at the root of a new archive; returns what a zip
+  // tool would print (a summary, or the reason it failed).
+  static std::string zipFolderAtPath(const std::string& folderPath, const std::string& destinationPath);
+  static JsonObject deepCopyDictionary(const JsonObject& dictionary);
+
+  void cancel();
+  bool isCancelled() const { return cancelled_.load(); }
+
+  // ---- Overrides and resizing
+
+  JsonObject nodeOverrides(const JsonObject& instance) const;
+  void updateNode(JsonObject& node, const JsonObject& overrides, const JsonObject& parent, double ratioWidth,
+                  double ratioHeight);
+  // Resizes one axis of `node` inside its already resized `parent`; returns
+  // the node's own ratio on that axis, for its children.
+  double stretchNode(JsonObject& node, const JsonObject& parent, bool vertical, unsigned resizing, double ratio);
+  void overrideNode(JsonObject& node, const JsonValue& override);
+  bool overrideTextNode(JsonObject& node, std::string_view text);
+  // Throws when the text has no attributes to measure with or cannot be laid out.
+  void fitTextToNode(JsonObject& node, const PXAttributedString& attrStr);
+  // nullptr: no paragraph style (left).
+  static uint64_t alignmentFromParagraph(const PXParagraphStyle* paragraph);
+  bool overrideImageNode(JsonObject& node, const JsonObject& override);
+  bool overrideSymbolIdNode(JsonObject& node, const std::string& symbolID);
+  static double fixNanValue(double value);
+  static MPSSize fixNanSize(MPSSize size);
+  static MPSRect fixNanRect(MPSRect rect);
+  static std::optional<PXUnarchivedObject> unarchiveBase64String(const std::optional<std::string>& base64);
+
+  // ---- Debugging aids
+
+  const JsonObject* searchForNodeWithQuery(const JsonObject& query);
+  static const JsonObject* searchNode(const JsonObject& node, const JsonObject& query);
+  const JsonObject* searchForSymbolWithQuery(const JsonObject& query);
+  const JsonObject* searchForDetachedSymbol(const std::string& name);
+  // Logs (and returns) the path to every dictionary whose `key` holds `value`.
+  std::vector<std::string> printStackForNode(const JsonValue& node, std::string_view key, const JsonValue& value);
+  void printStackForNode(const JsonValue& node, std::string_view key, const JsonValue& value,
+                         std::vector<std::string>& path, std::vector<std::string>& found);
+
+ private:
+  struct IdentifierSource;
+
+  std::string newIdentifier();
+  std::optional<std::string> pagePathForRef(std::string_view ref) const;
+  bool mayDetachMore(const JsonObject& instance, const std::string& symbolID,
+                     const std::vector<std::string>& detachedSymbols) const;
+
+  std::set<std::string> detachingArtboardIds_;
+  std::atomic<bool> cancelled_{false};
+  std::unique_ptr<IdentifierSource> identifiers_;
+  std::size_t copiedLayers_ = 0;
+};
+
+}  // namespace plexa
