@@ -291,12 +291,21 @@ MPSPoint MPSPointSnapToRectWithMargin(MPSPoint p, MPSRect rect, double margin) {
 
 MPSPoint MPSPointSnapToLinesWithMargin(MPSPoint p, const std::vector<std::shared_ptr<MPSLineObject>>& lines,
                                        double margin) {
+  // The nearest line wins, which is the first of the lines sorted by distance.
   auto snapOnAxis = [&](int axis) {
     const bool horizontal = axis == 0;
-    std::vector<double> positions;
-    for (const auto& line : lines)
-      if (line && (line->axis == 0) == horizontal) positions.push_back(line->position);
-    return snapCoordinate(MPSPointPositionForAxis(axis, p), positions, margin);
+    const double value = MPSPointPositionForAxis(axis, p);
+    double best = value;
+    double bestDistance = std::numeric_limits<double>::infinity();
+    for (const auto& line : lines) {
+      if (!line || (line->axis == 0) != horizontal) continue;
+      const double distance = std::fabs(line->position - value);
+      if (distance < margin && distance < bestDistance) {
+        best = line->position;
+        bestDistance = distance;
+      }
+    }
+    return best;
   };
   return {snapOnAxis(0), snapOnAxis(1)};
 }

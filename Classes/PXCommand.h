@@ -29,7 +29,7 @@ class PXCommand : public std::enable_shared_from_this<PXCommand> {
   // Starts the program and returns at once. `didReceiveData` gets whole lines
   // (several per call, joined by "\n", without the last line end) and then
   // `completion` runs, all on the main thread. The command keeps itself
-  // alive until its completion has run. Throws std::system_error when the
+  // alive until its completion has run. Throws std::runtime_error when the
   // program cannot be launched.
   static std::shared_ptr<PXCommand> runCommand(const std::string& path, const std::vector<std::string>& arguments,
                                                DataHandler didReceiveData, Completion completion);

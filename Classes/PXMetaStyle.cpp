@@ -1,12 +1,11 @@
 #include "PXMetaStyle.h"
 
-#include <plist/plist.h>
+#include "KeyedArchive.h"
 
 #include <array>
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
-#include <memory>
 
 namespace plexa {
 
@@ -35,95 +34,6 @@ void makeFinite(JsonValue& value) {
       break;
     default: break;
   }
-}
-
-// --- Sketch's archived strings ---------------------------------------------
-// Only the text of an archived string is needed here: the archive's root is
-// an NSString, an NSMutableString ({"NS.string": ...}) or an attributed
-// string whose "NSString" entry leads to one of those.
-
-std::string base64DecodeLenient(std::string_view text) {
-  auto sextet = [](unsigned char c) -> int {
-    if (c >= 'A' && c <= 'Z') return c - 'A';
-    if (c >= 'a' && c <= 'z') return c - 'a' + 26;
-    if (c >= '0' && c <= '9') return c - '0' + 52;
-    if (c == '+') return 62;
-    if (c == '/') return 63;
-    return -1;
-  };
-  std::string out;
-  out.reserve(text.size() * 3 / 4);
-  uint32_t buffer = 0;
-  int bits = 0;
-  for (unsigned char c : text) {
-    if (c == '=') break;
-    int v = sextet(c);
-    if (v < 0) continue;
-    buffer = (buffer << 6) | static_cast<uint32_t>(v);
-    bits += 6;
-    if (bits >= 8) {
-      bits -= 8;
-      out.push_back(static_cast<char>((buffer >> bits) & 0xFF));
-    }
-  }
-  return out;
-}
-
-struct PlistDeleter {
-  void operator()(void* node) const { plist_free(static_cast<plist_t>(node)); }
-};
-
-std::optional<std::string> plistString(plist_t node) {
-  if (!node || plist_get_node_type(node) != PLIST_STRING) return std::nullopt;
-  uint64_t length = 0;
-  const char* text = plist_get_string_ptr(node, &length);
-  if (!text) return std::nullopt;
-  return std::string(text, length);
-}
-
-plist_t resolveUID(plist_t objects, plist_t node) {
-  if (!node || plist_get_node_type(node) != PLIST_UID) return node;
-  uint64_t index = 0;
-  plist_get_uid_val(node, &index);
-  if (index >= plist_array_get_size(objects)) return nullptr;
-  return plist_array_get_item(objects, static_cast<uint32_t>(index));
-}
-
-std::string archivedClassName(plist_t objects, plist_t object) {
-  if (plist_get_node_type(object) != PLIST_DICT) return "NSObject";
-  plist_t cls = resolveUID(objects, plist_dict_get_item(object, "$class"));
-  if (!cls || plist_get_node_type(cls) != PLIST_DICT) return "NSObject";
-  return plistString(plist_dict_get_item(cls, "$classname")).value_or("NSObject");
-}
-
-struct ArchivedValue {
-  std::optional<std::string> text;
-  std::string className;
-};
-
-ArchivedValue unarchiveStringContent(std::string_view base64) {
-  std::string bytes = base64DecodeLenient(base64);
-  if (bytes.empty() || bytes.size() > UINT32_MAX) return {std::nullopt, "(null)"};
-  plist_t raw = nullptr;
-  plist_from_bin(bytes.data(), static_cast<uint32_t>(bytes.size()), &raw);
-  std::unique_ptr<void, PlistDeleter> root(raw);
-  if (!raw || plist_get_node_type(raw) != PLIST_DICT) return {std::nullopt, "(null)"};
-  plist_t objects = plist_dict_get_item(raw, "$objects");
-  plist_t top = plist_dict_get_item(raw, "$top");
-  if (!objects || plist_get_node_type(objects) != PLIST_ARRAY || !top || plist_get_node_type(top) != PLIST_DICT)
-    return {std::nullopt, "(null)"};
-  plist_t object = resolveUID(objects, plist_dict_get_item(top, "root"));
-  // An attributed string nests its text one level down; a cycle of such
-  // entries ends after a few steps.
-  for (int depth = 0; object && depth < 4; ++depth) {
-    if (auto text = plistString(object)) return {text, "NSString"};
-    if (plist_get_node_type(object) != PLIST_DICT) break;
-    if (auto text = plistString(resolveUID(objects, plist_dict_get_item(object, "NS.string")))) return {text, "NSString"};
-    plist_t inner = plist_dict_get_item(object, "NSString");
-    if (!inner) return {std::nullopt, archivedClassName(objects, object)};
-    object = resolveUID(objects, inner);
-  }
-  return {std::nullopt, "(null)"};
 }
 
 // The class names Foundation gives the values of parsed JSON.
@@ -272,8 +182,11 @@ std::string PXMetaStringFromJSONValue(const JsonValue* value) {
   if (value && value->is_string()) {
     text = std::string(value->get_string());
   } else if (auto archive = PXJsonTextFor(value, "_archive")) {
-    auto unarchived = unarchiveStringContent(*archive);
-    text = unarchived.text ? *unarchived.text : "Unsupported Value Class Type " + unarchived.className;
+    auto unarchived = PXKeyedUnarchiveBase64(*archive);
+    if (unarchived && unarchived->string)
+      text = *unarchived->string;
+    else
+      text = "Unsupported Value Class Type " + (unarchived ? unarchived->className : std::string("(null)"));
   } else {
     text = "Unsupported Value Class Type " + foundationClassName(value);
   }

@@ -27,9 +27,9 @@ class PXSyncPrototypingMetaExtractionDelegate {
   virtual ~PXSyncPrototypingMetaExtractionDelegate() = default;
   // Whether two artboards lie on the same page. Optional: a delegate that does
   // not override it answers nothing (nullopt) and the link is kept.
-  virtual std::optional<bool> prototypingMetaExtraction(const PXSyncPrototypingMetaExtraction& extraction,
-                                                        const std::optional<std::string>& artboardID,
-                                                        const std::optional<std::string>& samePageWithArtboardID) {
+  virtual std::optional<bool> prototypingMetaExtraction(const PXSyncPrototypingMetaExtraction& /*extraction*/,
+                                                        const std::optional<std::string>& /*artboardID*/,
+                                                        const std::optional<std::string>& /*samePageWithArtboardID*/) {
     return std::nullopt;
   }
 };

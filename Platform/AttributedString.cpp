@@ -138,15 +138,15 @@ std::string PXUTF8FromUTF16(std::u16string_view utf16) {
 // MARK: - Colours
 
 PXColor PXColor::rgb(double r, double g, double b, double a) {
-  return PXColor{PXColorModel::RGB, {r, g, b}, a, std::nullopt};
+  return PXColor{PXColorModel::RGB, {r, g, b}, a, std::nullopt, std::nullopt};
 }
 
 PXColor PXColor::gray(double white, double a) {
-  return PXColor{PXColorModel::Gray, {white}, a, std::nullopt};
+  return PXColor{PXColorModel::Gray, {white}, a, std::nullopt, std::nullopt};
 }
 
 PXColor PXColor::cmyk(double c, double m, double y, double k, double a) {
-  return PXColor{PXColorModel::CMYK, {c, m, y, k}, a, std::nullopt};
+  return PXColor{PXColorModel::CMYK, {c, m, y, k}, a, std::nullopt, std::nullopt};
 }
 
 std::optional<PXRGBComponents> PXColor::rgbComponents() const {
@@ -158,6 +158,7 @@ PXColor PXColor::convertedToRGB() const {
   PXColor converted = rgb(0, 0, 0, alpha);
   if (model == PXColorModel::RGB && components.size() == 3) {
     converted.components = components;
+    converted.colorSpaceID = colorSpaceID;
   } else if (model == PXColorModel::Gray && components.size() == 1) {
     converted.components = {components[0], components[0], components[0]};
   } else if (model == PXColorModel::CMYK && components.size() == 4) {

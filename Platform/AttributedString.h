@@ -55,14 +55,20 @@ struct PXRGBComponents {
   bool operator==(const PXRGBComponents&) const = default;
 };
 
+// sRGB as archives identify it.
+constexpr int64_t PXColorSpaceIDSRGB = 7;
+
 // A colour with the model its components belong to. `archiveColorSpace` is
 // the archive's colour-space number when the colour came from one (1 and 3
 // calibrated RGB / white, 2 and 4 device RGB / white, 5 CMYK, ...).
+// `colorSpaceID` names a specific space the components are in (7 is sRGB, as
+// the document's own colours are); absent means calibrated / device space.
 struct PXColor {
   PXColorModel model = PXColorModel::RGB;
   std::vector<double> components;  // without alpha
   double alpha = 1;
   std::optional<int64_t> archiveColorSpace;
+  std::optional<int64_t> colorSpaceID;
 
   static PXColor rgb(double r, double g, double b, double a = 1);
   static PXColor gray(double white, double a = 1);

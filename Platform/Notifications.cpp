@@ -41,10 +41,16 @@ int pollTimeoutMs(const sdbus::IConnection::PollData& data) {
 
 std::optional<PXNotification> notificationFromSignal(sdbus::Message& message) {
   std::string name, object, userInfoText;
+  std::string problem;
   try {
     message >> name >> object >> userInfoText;
+    // Running out of arguments is not an exception, only a failed state.
+    if (!message) problem = "fewer than three strings";
   } catch (const std::exception& e) {
-    PXLogWarn("Ignoring a distributed notification with an unexpected signature: {}", e.what());
+    problem = e.what();
+  }
+  if (!problem.empty()) {
+    PXLogWarn("Ignoring a distributed notification with an unexpected signature: {}", problem);
     return std::nullopt;
   }
   PXNotification note{std::move(name), std::nullopt, std::nullopt};

@@ -1,0 +1,58 @@
+#pragma once
+// Writes, per artboard, the inspect meta file and the "-paths" file of the
+// layer images to export, and once per run "__uploadInfo.json".
+
+#include "Json.h"
+#include "PXMetaLayer.h"
+#include "PXSketchOpenFormatReader.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace plexa {
+
+class PXMetaExporter : public std::enable_shared_from_this<PXMetaExporter> {
+ public:
+  static std::shared_ptr<PXMetaExporter> metaExporterWithSketchFilePath(const std::string& sketchFilePath,
+                                                                        const std::string& unzippedSketchFolderPath);
+
+  std::string sketchFilePath;
+  std::string unzippedSketchFolderPath;
+  std::shared_ptr<PXSketchOpenFormatReader> sketchReader;
+
+  // The meta file's path, or absent when the artboard is unknown, has no
+  // page, is ignored ("-" name, when excluded) or its ID would put the file
+  // outside `outputFolder`. Ignored names are excluded by default.
+  std::optional<std::string> formattedMetaJSONFileForArtboardID(const std::string& artboardID,
+                                                                const std::string& outputFolder);
+  std::optional<std::string> formattedMetaJSONFileForArtboardID(const std::string& artboardID,
+                                                                bool excludeIgnoredArtboardName,
+                                                                const std::string& outputFolder);
+  // `assetIds`: asset information by asset key, merged into export options.
+  std::optional<std::string> formattedMetaJSONFileForArtboardID(const std::string& artboardID,
+                                                                bool excludeIgnoredArtboardName,
+                                                                const std::string& outputFolder,
+                                                                const JsonObject* assetIds);
+
+  // Writes "__uploadInfo.json" into `outputFolder`. `sketchFilePath` is the
+  // path of the Sketch file's URL; its last component goes into the hashes.
+  void formattedJSONFileForSelectedArtboardIDs(const std::vector<std::string>& selectedArtboardIDs,
+                                               const std::vector<std::string>& allArtboardIDs, double scale,
+                                               const std::string& sketchFilePath, const std::string& outputFolder);
+
+  // Control characters removed, trimmed; "Untitled screen" when nothing is
+  // left, "_" for a lone "/".
+  static std::string sanitizeArtboardName(const std::optional<std::string>& name);
+
+  // Resolves symbol masters through the reader; holds the exporter weakly.
+  PXMetaMissingLayerHandler missingLayerHandler();
+
+ private:
+  std::optional<std::string> destinationInside(const std::string& outputFolder, const std::string& fileName) const;
+  JsonObject syncInfoForArtboardID(const std::string& artboardID, bool isSyncing, uint64_t index, double scale,
+                                   const std::string& sketchFileURLName);
+};
+
+}  // namespace plexa

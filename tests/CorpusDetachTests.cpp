@@ -1,0 +1,113 @@
+// Detaching every symbol of every real document in the corpus: nothing
+// detachable is left, identifiers trace back to masters, and the re-zipped
+// document unzips and parses again.
+
+#include "PXSymbolDetacherV2.h"
+
+#include "Files.h"
+#include "PathString.h"
+#include "TestSupport.h"
+#include "Zip.h"
+
+#include <boost/json/serialize.hpp>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <set>
+
+namespace boost::json {
+// Readable failure messages.
+inline void PrintTo(const value& v, std::ostream* os) { *os << serialize(v); }
+inline void PrintTo(const object& o, std::ostream* os) { *os << serialize(o); }
+inline void PrintTo(const array& a, std::ostream* os) { *os << serialize(a); }
+}  // namespace boost::json
+
+using namespace plexa;
+using namespace plexa::test;
+
+namespace {
+
+void forEachLayer(const JsonValue& node, const std::function<void(const JsonObject&)>& visit) {
+  const auto* o = node.if_object();
+  if (!o) return;
+  visit(*o);
+  if (const auto* layers = PXJsonArrayFor(&node, "layers"))
+    for (const auto& child : *layers) forEachLayer(child, visit);
+}
+
+std::string text(const JsonObject& l, const char* key) {
+  auto it = l.find(key);
+  return it != l.end() && it->value().is_string() ? std::string(it->value().get_string()) : std::string();
+}
+
+bool isHidden(const JsonObject& l) {
+  auto it = l.find("isVisible");
+  auto visible = it == l.end() ? std::nullopt : PXJsonBool(&it->value());
+  return visible && !*visible;
+}
+
+class CorpusDetach : public ::testing::TestWithParam<std::string> {};
+
+}  // namespace
+
+TEST_P(CorpusDetach, DetachesEverythingItCanAndZipsAgain) {
+  const std::string& sketch = GetParam();
+  TempDir dir;
+  const std::string folder = dir / "doc";
+  auto unzipped = PXZip::extractAll(sketch, folder);
+  ASSERT_TRUE(unzipped.ok) << unzipped.error;
+
+  auto d = PXSymbolDetacherV2::detacherWithUrl(folder);
+  ASSERT_TRUE(d->loadDocument());
+  ASSERT_FALSE(d->pages.empty());
+  d->findSymbols();
+  std::set<std::string> masterLayerIDs;
+  for (const auto& [symbolID, master] : *d->symbols)
+    forEachLayer(master, [&](const JsonObject& l) { masterLayerIDs.insert(text(l, "do_objectID")); });
+
+  d->detachSymbols();
+
+  size_t detachedGroups = 0, keptInstances = 0;
+  for (const auto& page : d->pages) {
+    forEachLayer(page.json, [&](const JsonObject& l) {
+      if (l.contains("in_original_objectID"))
+        EXPECT_TRUE(masterLayerIDs.contains(text(l, "in_original_objectID"))) << text(l, "in_original_objectID");
+      if (auto it = l.find("in_detachedSymbol"); it != l.end() && it->value() == true) ++detachedGroups;
+      if (text(l, "_class") != "symbolInstance" || isHidden(l)) return;
+      const std::string symbolID = text(l, "symbolID");
+      const bool masterMissing = symbolID.empty() || !d->symbols->contains(symbolID);
+      EXPECT_TRUE(masterMissing || l.contains("in_infinitNestedSymbol"))
+          << "instance " << text(l, "do_objectID") << " of " << symbolID << " left attached";
+      ++keptInstances;
+    });
+  }
+  if (!d->symbols->empty()) {
+    EXPECT_GT(detachedGroups, 0u);
+  }
+  RecordProperty("detachedGroups", static_cast<int>(detachedGroups));
+  RecordProperty("keptInstances", static_cast<int>(keptInstances));
+
+  // Where the unzipper writes it: inside the folder it zips.
+  const std::string archive = folder + "/" + PXLastPathComponent(sketch);
+  ASSERT_TRUE(d->saveToUrl(archive));
+  auto again = PXZip::extractAll(archive, dir / "again");
+  ASSERT_TRUE(again.ok) << again.error;
+  auto pages = PXFileManager::contentsOfDirectory(dir / "again/pages");
+  ASSERT_TRUE(pages.has_value());
+  EXPECT_GE(pages->size(), d->pages.size());
+  for (const auto& name : *pages) {
+    std::string error;
+    auto parsed = PXJsonParse(readText(dir / "again/pages/" + name), &error);
+    ASSERT_TRUE(parsed && parsed->is_object()) << name << ": " << error;
+  }
+}
+
+static std::string documentName(const ::testing::TestParamInfo<std::string>& info) {
+  std::string name = PXDeletingPathExtension(PXLastPathComponent(info.param));
+  for (char& c : name)
+    if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
+  return name;
+}
+
+INSTANTIATE_TEST_SUITE_P(Corpus, CorpusDetach, ::testing::ValuesIn(corpusDocuments()), documentName);
+GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(CorpusDetach);

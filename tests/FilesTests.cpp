@@ -1,0 +1,167 @@
+#include "Files.h"
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <optional>
+#include <string>
+
+using namespace plexa;
+using plexa::test::readText;
+using plexa::test::TempDir;
+using plexa::test::writeText;
+
+namespace {
+
+std::optional<std::string> expected(const std::string& path) { return path; }
+
+dev_t deviceOf(const std::string& path) {
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0 ? st.st_dev : 0;
+}
+
+}  // namespace
+
+TEST(PXResolveInsideTest, KeepsDestinationsInsideTheRoot) {
+  TempDir dir;
+  std::string root = dir / "out";
+  ASSERT_TRUE(PXFileManager::createDirectory(root, true));
+
+  EXPECT_EQ(PXResolveInside(root, "a/b.json"), expected(root + "/a/b.json"));
+  EXPECT_EQ(PXResolveInside(root, "a/./../b.json"), expected(root + "/b.json"));
+  EXPECT_EQ(PXResolveInside(root, "deep/not/yet/made/"), expected(root + "/deep/not/yet/made"));
+  EXPECT_EQ(PXResolveInside(root, "."), expected(root));
+  EXPECT_EQ(PXResolveInside(root + "/", "a"), expected(root + "/a"));
+  EXPECT_EQ(PXResolveInside(root, root + "/inside"), expected(root + "/inside"));
+  EXPECT_EQ(PXResolveInside(root, "name with\nnewline"), expected(root + "/name with\nnewline"));
+
+  for (const std::string escape : {"..", "../x", "a/../../x", "a/b/../../../x", "/etc/passwd", "../out2/x"})
+    EXPECT_FALSE(PXResolveInside(root, escape)) << escape;
+  // A sibling that merely shares the root's name as a prefix is outside.
+  EXPECT_FALSE(PXResolveInside(root, root + "2/x"));
+  EXPECT_FALSE(PXResolveInside(root, dir.path()));
+}
+
+TEST(PXResolveInsideTest, RefusesPathsThroughPlantedLinks) {
+  TempDir dir;
+  std::string root = dir / "out";
+  std::string elsewhere = dir / "elsewhere";
+  ASSERT_TRUE(PXFileManager::createDirectory(root + "/real", true));
+  ASSERT_TRUE(PXFileManager::createDirectory(elsewhere, true));
+  ASSERT_EQ(::symlink(elsewhere.c_str(), (root + "/link").c_str()), 0);
+  ASSERT_EQ(::symlink((root + "/real").c_str(), (root + "/real/loop").c_str()), 0);
+  ASSERT_EQ(::symlink("/nonexistent-target", (root + "/dangling").c_str()), 0);
+
+  EXPECT_FALSE(PXResolveInside(root, "link"));
+  EXPECT_FALSE(PXResolveInside(root, "link/file.png"));
+  EXPECT_FALSE(PXResolveInside(root, "real/loop/file.png")) << "even a link that stays inside";
+  EXPECT_FALSE(PXResolveInside(root, "dangling")) << "writing there would create the target";
+  EXPECT_EQ(PXResolveInside(root, "real/file.png"), expected(root + "/real/file.png"));
+  EXPECT_TRUE(PXFileManager::isSymbolicLink(root + "/link"));
+  EXPECT_FALSE(PXFileManager::isSymbolicLink(root + "/real"));
+}
+
+TEST(PXFileManagerWrites, AtomicWritesReplaceWholeFiles) {
+  TempDir dir;
+  std::string path = dir / "meta.json";
+  std::string error;
+  ASSERT_TRUE(PXFileManager::writeFileAtomically(path, "first version, longer than the second", &error)) << error;
+  ASSERT_TRUE(PXFileManager::writeFileAtomically(path, "second", &error)) << error;
+  EXPECT_EQ(readText(path), "second");
+  std::string big(5u << 20, 'x');
+  ASSERT_TRUE(PXFileManager::writeFileAtomically(path, big));
+  EXPECT_EQ(PXFileManager::attributesOfItem(path)->size, big.size());
+  EXPECT_EQ(*PXFileManager::contentsOfDirectory(dir.path()), std::vector<std::string>{"meta.json"})
+      << "no temporary file is left beside it";
+
+  // A missing folder is an error, and nothing is created on the way.
+  error.clear();
+  EXPECT_FALSE(PXFileManager::writeFileAtomically(dir / "missing/meta.json", "x", &error));
+  EXPECT_FALSE(error.empty());
+  EXPECT_FALSE(PXFileManager::fileExists(dir / "missing"));
+
+  // A link at the destination is replaced, never written through.
+  writeText(dir / "target.txt", "keep");
+  ASSERT_EQ(::symlink((dir / "target.txt").c_str(), (dir / "link.json").c_str()), 0);
+  ASSERT_TRUE(PXFileManager::writeFileAtomically(dir / "link.json", "new"));
+  EXPECT_FALSE(PXFileManager::isSymbolicLink(dir / "link.json"));
+  EXPECT_EQ(readText(dir / "link.json"), "new");
+  EXPECT_EQ(readText(dir / "target.txt"), "keep");
+
+  error.clear();
+  EXPECT_FALSE(PXFileManager::readFile(dir / "absent.json", &error));
+  EXPECT_FALSE(error.empty());
+}
+
+TEST(PXFileManagerFolders, CreateCopyRemoveAndList) {
+  TempDir dir;
+  std::string error;
+  EXPECT_FALSE(PXFileManager::createDirectory(dir / "a/b/c", false, &error)) << "no parents without intermediates";
+  EXPECT_FALSE(error.empty());
+  ASSERT_TRUE(PXFileManager::createDirectory(dir / "a/b/c", true));
+  EXPECT_TRUE(PXFileManager::createDirectory(dir / "a/b/c", true)) << "an existing folder is fine";
+  writeText(dir / "file", "x");
+  EXPECT_FALSE(PXFileManager::createDirectory(dir / "file", true)) << "a file is in the way";
+  bool isDirectory = true;
+  EXPECT_TRUE(PXFileManager::fileExists(dir / "file", &isDirectory));
+  EXPECT_FALSE(isDirectory);
+
+  writeText(dir / "a/z.json", "z");
+  writeText(dir / "a/m.json", "m");
+  EXPECT_EQ(*PXFileManager::contentsOfDirectory(dir / "a"), (std::vector<std::string>{"b", "m.json", "z.json"}));
+  EXPECT_FALSE(PXFileManager::contentsOfDirectory(dir / "nowhere"));
+
+  ASSERT_TRUE(PXFileManager::copyItem(dir / "a", dir / "copy"));
+  EXPECT_EQ(readText(dir / "copy/m.json"), "m");
+  EXPECT_TRUE(PXFileManager::fileExists(dir / "copy/b/c", &isDirectory));
+  EXPECT_TRUE(isDirectory);
+  // Copying onto a link must not reach what it points at.
+  ASSERT_EQ(::symlink((dir / "file").c_str(), (dir / "link").c_str()), 0);
+  EXPECT_FALSE(PXFileManager::copyItem(dir / "a/m.json", dir / "link"));
+  EXPECT_EQ(readText(dir / "file"), "x");
+
+  EXPECT_TRUE(PXFileManager::removeItem(dir / "copy"));
+  EXPECT_FALSE(PXFileManager::fileExists(dir / "copy"));
+  EXPECT_TRUE(PXFileManager::removeItem(dir / "copy")) << "removing what is gone is not an error";
+  EXPECT_TRUE(PXFileManager::removeItem(dir / "link"));
+  EXPECT_EQ(readText(dir / "file"), "x") << "removing a link leaves its target";
+}
+
+TEST(PXFileManagerMoves, RenamesAndRefusesToOverwrite) {
+  TempDir dir;
+  writeText(dir / "src/pages/p.json", "page");
+  writeText(dir / "taken/keep.json", "keep");
+  std::string error;
+  EXPECT_FALSE(PXFileManager::moveItem(dir / "src", dir / "taken", &error));
+  EXPECT_EQ(error, "destination exists");
+  EXPECT_EQ(readText(dir / "taken/keep.json"), "keep");
+  EXPECT_TRUE(PXFileManager::fileExists(dir / "src/pages/p.json"));
+
+  ASSERT_TRUE(PXFileManager::moveItem(dir / "src", dir / "moved", &error)) << error;
+  EXPECT_EQ(readText(dir / "moved/pages/p.json"), "page");
+  EXPECT_FALSE(PXFileManager::fileExists(dir / "src"));
+  EXPECT_FALSE(PXFileManager::moveItem(dir / "src", dir / "again"));
+}
+
+TEST(PXFileManagerMoves, AcrossFileSystems) {
+  TempDir dir;
+  std::string other = "/dev/shm";
+  if (!PXFileManager::fileExists(other) || deviceOf(other) == deviceOf(dir.path()) || ::access(other.c_str(), W_OK))
+    GTEST_SKIP() << "no writable second file system at " << other;
+  std::string pattern = other + "/plexa-move-XXXXXX";
+  ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+  std::string target = pattern + "/moved";
+
+  writeText(dir / "src/pages/p.json", "page");
+  writeText(dir / "src/document.json", "{}");
+  std::string error;
+  bool moved = PXFileManager::moveItem(dir / "src", target, &error);
+  EXPECT_TRUE(moved) << error;
+  EXPECT_EQ(readText(target + "/pages/p.json"), "page");
+  EXPECT_EQ(readText(target + "/document.json"), "{}");
+  EXPECT_FALSE(PXFileManager::fileExists(dir / "src"));
+  PXFileManager::removeItem(pattern);
+}
