@@ -137,8 +137,10 @@ JsonObject group(const std::string& id, const std::string& name, JsonObject fram
   return l;
 }
 
+// The hotspot reader walks "userInfo.com.morrow.prototype" one dotted word
+// per level, so the sample nests the link that way.
 JsonObject prototypeLink(JsonObject link) {
-  return {{"com.morrow.prototype", std::move(link)}};
+  return {{"com", JsonObject{{"morrow", JsonObject{{"prototype", std::move(link)}}}}}};
 }
 
 JsonObject flowTo(const std::string& destination) {

@@ -27,12 +27,11 @@ using namespace plexa::test;
 
 namespace {
 
-void forEachLayer(const JsonValue& node, const std::function<void(const JsonObject&)>& visit) {
-  const auto* o = node.if_object();
-  if (!o) return;
-  visit(*o);
-  if (const auto* layers = PXJsonArrayFor(&node, "layers"))
-    for (const auto& child : *layers) forEachLayer(child, visit);
+void forEachLayer(const JsonObject& node, const std::function<void(const JsonObject&)>& visit) {
+  visit(node);
+  if (auto it = node.find("layers"); it != node.end() && it->value().is_array())
+    for (const auto& child : it->value().get_array())
+      if (child.is_object()) forEachLayer(child.get_object(), visit);
 }
 
 std::string text(const JsonObject& l, const char* key) {
@@ -69,7 +68,7 @@ TEST_P(CorpusDetach, DetachesEverythingItCanAndZipsAgain) {
 
   size_t detachedGroups = 0, keptInstances = 0;
   for (const auto& page : d->pages) {
-    forEachLayer(page.json, [&](const JsonObject& l) {
+    forEachLayer(page.json.get_object(), [&](const JsonObject& l) {
       if (l.contains("in_original_objectID"))
         EXPECT_TRUE(masterLayerIDs.contains(text(l, "in_original_objectID"))) << text(l, "in_original_objectID");
       if (auto it = l.find("in_detachedSymbol"); it != l.end() && it->value() == true) ++detachedGroups;

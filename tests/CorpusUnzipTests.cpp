@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <map>
 #include <set>
 
@@ -59,12 +60,20 @@ std::string pageIDOf(std::string_view ref) {
   return id;
 }
 
+// Boost.JSON 1.81 does not round every long decimal correctly, so reading
+// back our shortest form of a number can land one unit in the last place
+// away from the first read (corpus: 3.552713678800502e-14). Anything further
+// is a writer fault.
+bool sameNumber(double x, double y) {
+  return x == y || std::nextafter(x, y) == y;
+}
+
 // The first place where two JSON values differ, or empty when they are the
 // same. Whole doubles are written as integers, so numbers compare by value.
 std::string firstDifference(const JsonValue& a, const JsonValue& b, const std::string& path = "$") {
   if (a.is_number() && b.is_number()) {
     double x = a.to_number<double>(), y = b.to_number<double>();
-    return x == y ? "" : fmt::format("{}: {} became {}", path, x, y);
+    return sameNumber(x, y) ? "" : fmt::format("{}: {} became {}", path, x, y);
   }
   if (a.kind() != b.kind()) return path + ": kind changed";
   if (a.is_object()) {

@@ -156,7 +156,11 @@ TEST(PXSymbolDetacher, AsynchronousDetachRunsStartThenEndAndCompletesOnce) {
             fakeSketchCommands());
   EXPECT_EQ((std::vector<std::pair<uint64_t, uint64_t>>{{0, 4}, {1, 4}, {2, 4}, {3, 4}, {4, 4}, {4, 4}}),
             progress->steps);
-  EXPECT_TRUE(PXZip::readEntry(dir / "detached.sketch", "document.json").has_value());
+  // Sketch saved a detached copy: the instance is gone from the artboard's page.
+  auto detachedPage = PXZip::readEntry(dir / "detached.sketch", "pages/P1.json");
+  ASSERT_TRUE(detachedPage);
+  EXPECT_EQ(std::string::npos, detachedPage->find("\"symbolInstance\""));
+  EXPECT_NE(std::string::npos, detachedPage->find("\"Label\"")) << "the master's layers are copied in";
   EXPECT_EQ(1u, logs.count("Detach async cleanup complete"));
 
   // A late, second did-detach only logs; nothing runs or completes again.

@@ -42,16 +42,20 @@ JsonObject instance(const std::string& id, const std::string& symbolID, JsonObje
   return i;
 }
 
+void forEachLayer(const JsonObject& node, const std::function<void(const JsonObject&)>& visit) {
+  visit(node);
+  if (auto it = node.find("layers"); it != node.end() && it->value().is_array())
+    for (const auto& child : it->value().get_array())
+      if (child.is_object()) forEachLayer(child.get_object(), visit);
+}
+
 void forEachLayer(const JsonValue& node, const std::function<void(const JsonObject&)>& visit) {
-  const auto* o = node.if_object();
-  if (!o) return;
-  visit(*o);
-  if (const auto* layers = PXJsonArrayFor(&node, "layers"))
-    for (const auto& child : *layers) forEachLayer(child, visit);
+  if (node.is_object()) forEachLayer(node.get_object(), visit);
 }
 
 // The first layer, depth first, whose `key` is `value`.
-const JsonObject* findLayer(const JsonValue& root, const std::string& value, const std::string& key = "do_objectID") {
+template <typename Node>
+const JsonObject* findLayer(const Node& root, const std::string& value, const std::string& key = "do_objectID") {
   const JsonObject* hit = nullptr;
   forEachLayer(root, [&](const JsonObject& l) {
     auto it = l.find(key);

@@ -71,14 +71,16 @@ JsonObject entry(const std::string& name, JsonValue value) {
   return JsonObject{{"_class", "overrideValue"}, {"overrideName", name}, {"value", std::move(value)}};
 }
 
-const JsonObject* findLayer(const JsonValue& node, const std::string& value, const std::string& key) {
-  const auto* o = node.if_object();
-  if (!o) return nullptr;
-  if (auto it = o->find(key); it != o->end() && it->value() == JsonValue(value)) return o;
-  if (const auto* layers = PXJsonArrayFor(&node, "layers"))
-    for (const auto& child : *layers)
-      if (const auto* hit = findLayer(child, value, key)) return hit;
+const JsonObject* findLayer(const JsonObject& node, const std::string& value, const std::string& key) {
+  if (auto it = node.find(key); it != node.end() && it->value() == JsonValue(value)) return &node;
+  if (auto it = node.find("layers"); it != node.end() && it->value().is_array())
+    for (const auto& child : it->value().get_array())
+      if (const auto* hit = child.is_object() ? findLayer(child.get_object(), value, key) : nullptr) return hit;
   return nullptr;
+}
+
+const JsonObject* findLayer(const JsonValue& node, const std::string& value, const std::string& key) {
+  return node.is_object() ? findLayer(node.get_object(), value, key) : nullptr;
 }
 
 std::string textOf(const JsonObject& l) { return PXMetaTextFromJSON(l).value_or("<none>"); }
@@ -188,7 +190,7 @@ TEST(SymbolResizing, DetachScalesEachLevelByItsParent) {
   EXPECT_EQ(inst.at("_class"), "group");
   EXPECT_EQ(inst.at("name"), "Instance I");
   EXPECT_DOUBLE_EQ(at(inst, "width"), 200);
-  EXPECT_EQ(m.at("layers").as_array()[0].at("frame").at("width"), 50);
+  EXPECT_EQ(m.at("layers").as_array()[0].at("frame").at("width").to_number<double>(), 50);
 }
 
 // ---- The override map
@@ -279,8 +281,12 @@ TEST(SymbolTextOverride, RoundTripKeepsFontSizeAndColour) {
   ASSERT_TRUE(back.has_value());
   EXPECT_EQ(back->string(), "Après coup ✓");
   EXPECT_EQ(PXMetaTypefaceFromJSON(text), typefaceBefore);
-  EXPECT_EQ(typefaceBefore->at("fontSize"), 18);
-  EXPECT_EQ(typefaceBefore->at("fontColor"), (JsonArray{51, 102, 153, 0.8}));
+  EXPECT_EQ(typefaceBefore->at("fontSize").to_number<double>(), 18);
+  const auto& colour = typefaceBefore->at("fontColor").as_array();
+  ASSERT_EQ(colour.size(), 4u);
+  EXPECT_EQ(colour[0].to_number<double>(), 51);
+  EXPECT_EQ(colour[2].to_number<double>(), 153);
+  EXPECT_NEAR(colour[3].to_number<double>(), 0.8, 1e-6);
 
   auto unarchived = PXSymbolDetacherV2::unarchiveBase64String(std::string(archived->as_string()));
   ASSERT_TRUE(unarchived && unarchived->attributedString);

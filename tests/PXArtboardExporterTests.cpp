@@ -1,0 +1,518 @@
+#include "Files.h"
+#include "MainQueue.h"
+#include "PXArtboardExporter.h"
+#include "PXSketchTool.h"
+#include "PathString.h"
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+#include <signal.h>
+#include <sstream>
+
+using namespace plexa;
+using namespace std::chrono_literals;
+
+namespace {
+
+const std::string kFakeSketchtool = PLEXA_TEST_BINARY_DIR "/fake-sketchtool";
+
+class ScopedEnv {
+ public:
+  ScopedEnv(const char* name, const std::string& value) : name_(name) {
+    if (const char* old = std::getenv(name)) old_ = old;
+    setenv(name, value.c_str(), 1);
+  }
+  ~ScopedEnv() {
+    if (old_) {
+      setenv(name_, old_->c_str(), 1);
+    } else {
+      unsetenv(name_);
+    }
+  }
+
+ private:
+  const char* name_;
+  std::optional<std::string> old_;
+};
+
+JsonObject exportFormat(const std::string& fileFormat, const std::string& name = "", int namingScheme = 0) {
+  return JsonObject{{"_class", "exportFormat"}, {"fileFormat", fileFormat}, {"name", name},
+                    {"namingScheme", namingScheme}, {"scale", 1}};
+}
+
+JsonObject withFormats(JsonObject layer, JsonArray formats) {
+  layer["exportOptions"].as_object()["exportFormats"] = std::move(formats);
+  return layer;
+}
+
+// A document on disk, zipped and unzipped, with an output folder beside it.
+struct Document {
+  test::TempDir dir;
+  std::string sketch;
+  std::string unzipped;
+  std::string out;
+
+  explicit Document(JsonArray artboards) {
+    test::SketchFixture fixture;
+    fixture.addPage(test::page("P1", "Page", std::move(artboards)));
+    sketch = fixture.writeSketch(dir / "doc.sketch");
+    unzipped = fixture.writeFolder(dir / "unzipped");
+    out = dir / "out";
+    PXFileManager::createDirectory(out, true);
+  }
+
+  std::shared_ptr<PXArtboardExporter> exporter(std::optional<std::string> tool = kFakeSketchtool) const {
+    return PXArtboardExporter::artboardExporterWithSketchFilePath(sketch, unzipped, tool);
+  }
+};
+
+JsonArray pngArtboards(int count, std::vector<std::string>* IDs) {
+  JsonArray artboards;
+  for (int i = 0; i < count; ++i) {
+    std::string id = "AB-" + std::to_string(i);
+    IDs->push_back(id);
+    artboards.push_back(test::artboard(id, "Board " + std::to_string(i), test::frame(i * 400, 0, 375, 667)));
+  }
+  return artboards;
+}
+
+// One artboard export: per-image calls on the main thread, the completion on a queue thread.
+struct ImageRun {
+  std::vector<std::pair<std::string, std::string>> progress;
+  bool progressOnMainThread = true;
+  std::mutex lock;
+  std::atomic<bool> done{false};
+  bool success = false;
+  bool completionOnMainThread = true;
+  PXArtboardExporter::ExportedFiles files;
+
+  void start(PXArtboardExporter& exporter, const std::vector<std::string>& IDs, double scale,
+             const std::string& out) {
+    exporter.exportImagesForArtboardIDs(
+        IDs, scale, out,
+        [this](const std::string& ID, const std::string& path) {
+          progressOnMainThread = progressOnMainThread && PXMainQueue::shared().isMainThread();
+          progress.emplace_back(ID, path);
+        },
+        [this](bool ok, const PXArtboardExporter::ExportedFiles& exported) {
+          std::lock_guard guard(lock);
+          completionOnMainThread = PXMainQueue::shared().isMainThread();
+          success = ok;
+          files = exported;
+          done = true;
+        });
+  }
+  bool wait(std::chrono::milliseconds timeout = 20s) {
+    return test::pumpMainUntil([this] { return done.load(); }, timeout);
+  }
+};
+
+struct AssetRun {
+  std::vector<std::pair<std::string, std::string>> progress;
+  std::optional<bool> success;
+  std::vector<std::string> paths;
+
+  void start(PXArtboardExporter& exporter, const std::optional<std::vector<std::string>>& IDs,
+             const std::string& pathsFolder, const std::string& out) {
+    exporter.exportLayerAssetsForArtboardIDs(
+        IDs, pathsFolder, out,
+        [this](const std::string& layerID, const std::string& path) { progress.emplace_back(layerID, path); },
+        [this](bool ok, const std::vector<std::string>& placed) {
+          success = ok;
+          paths = placed;
+        });
+  }
+  bool wait(std::chrono::milliseconds timeout = 20s) {
+    return test::pumpMainUntil([this] { return success.has_value(); }, timeout);
+  }
+};
+
+// The runs the test double recorded: when each started and ended, and how many items it got.
+struct ToolRun {
+  long long start = 0;
+  long long end = 0;
+  int pid = 0;
+  size_t items = 0;
+};
+
+std::vector<ToolRun> toolRuns(const std::string& logPath) {
+  std::vector<ToolRun> runs;
+  std::string text = PXFileManager::readFile(logPath).value_or("");
+  std::istringstream lines(text);
+  std::string event;
+  while (lines >> event) {
+    long long time = 0;
+    int pid = 0;
+    lines >> time >> pid;
+    if (event == "start") {
+      std::string kind, items;
+      lines >> kind;
+      std::getline(lines, items);
+      ToolRun run{time, 0, pid, 0};
+      if (items.size() > 1) run.items = std::count(items.begin(), items.end(), ',') + 1;
+      runs.push_back(run);
+    } else {
+      for (auto& run : runs)
+        if (run.pid == pid) run.end = time;
+    }
+  }
+  return runs;
+}
+
+size_t mostAtOnce(const std::vector<ToolRun>& runs) {
+  std::vector<std::pair<long long, int>> events;
+  for (const auto& run : runs) {
+    events.emplace_back(run.start, 1);
+    events.emplace_back(run.end, -1);
+  }
+  std::sort(events.begin(), events.end());
+  int current = 0, most = 0;
+  for (const auto& [time, change] : events) most = std::max(most, current += change);
+  return static_cast<size_t>(most);
+}
+
+bool startsWith(const std::string& bytes, const std::string& prefix) { return bytes.rfind(prefix, 0) == 0; }
+const std::string kPNGSignature("\x89PNG\r\n\x1A\n", 8);
+const std::string kJPEGStart("\xFF\xD8\xFF", 3);
+
+bool processGone(int pid) { return ::kill(pid, 0) == -1 && errno == ESRCH; }
+
+JsonObject pathsRecord(const std::string& objectID, const std::string& key, const std::string& fullPath,
+                       const std::string& layerPath, const std::string& layerNameFormatted) {
+  return JsonObject{{"originalObjectID", ""},         {"fullPath", fullPath},  {"objectID", objectID},
+                    {"layerName", layerNameFormatted}, {"layerNameFormatted", layerNameFormatted},
+                    {"layerPath", layerPath},          {"key", key}};
+}
+
+void writePaths(const std::string& folder, const std::string& artboardID, const JsonArray& records) {
+  test::writeText(folder + "/" + artboardID + "-paths.json", *PXJsonSerialize(records, true));
+}
+
+}  // namespace
+
+// MARK: Artboard images
+
+TEST(PXArtboardExporterImages, BatchesWaitForAFreeSlot) {
+  std::vector<std::string> IDs;
+  Document doc(pngArtboards(25, &IDs));
+  ScopedEnv pause("PLEXA_FAKE_SKETCHTOOL_SLEEP_MS", "300");
+  ScopedEnv log("PLEXA_FAKE_SKETCHTOOL_LOG", doc.dir / "tool.log");
+  test::LogCapture messages;
+  auto exporter = doc.exporter();
+  exporter->setMaxNumberPerExport(10);
+  exporter->setMaxConcurrent(2);
+  ImageRun run;
+  run.start(*exporter, IDs, 1, doc.out);
+  ASSERT_TRUE(run.wait());
+
+  auto runs = toolRuns(doc.dir / "tool.log");
+  ASSERT_EQ(runs.size(), 3u);
+  std::vector<size_t> sizes;
+  for (const auto& r : runs) sizes.push_back(r.items);
+  std::sort(sizes.begin(), sizes.end());
+  EXPECT_EQ(sizes, (std::vector<size_t>{5, 10, 10}));
+  EXPECT_EQ(mostAtOnce(runs), 2u);
+  EXPECT_GE(runs[2].start, std::min(runs[0].end, runs[1].end));
+
+  EXPECT_TRUE(run.success);
+  EXPECT_FALSE(run.completionOnMainThread);
+  EXPECT_TRUE(run.progressOnMainThread);
+  EXPECT_EQ(run.files.size(), 25u);
+  EXPECT_EQ(run.progress.size(), 25u);
+  for (const auto& ID : IDs) {
+    EXPECT_EQ(run.files[ID], doc.out + "/" + ID + ".png");
+    EXPECT_TRUE(startsWith(test::readText(doc.out + "/" + ID + ".png"), kPNGSignature));
+  }
+  EXPECT_EQ(exporter->sketchToolCount(), 0u);
+
+  auto lines = messages.messages();
+  auto at = [&](const std::string& text) {
+    return std::find(lines.begin(), lines.end(), text) - lines.begin();
+  };
+  EXPECT_LT(at("total artboards count 25, queues count 1"), at("start exporting png (batches: 3)"));
+  EXPECT_LT(std::min(at("batch png-0 finished"), at("batch png-1 finished")), at("batch png-2 started"));
+  EXPECT_LT(at("batch png-2 finished"), static_cast<long>(lines.size()));
+  EXPECT_TRUE(messages.contains("total artboards exported 25, all successful 1"));
+}
+
+TEST(PXArtboardExporterImages, FormatsGroupScaleIsRenamedAndOldFilesAreReplaced) {
+  JsonArray boards{
+      test::artboard("PNG-1", "Plain", test::frame(0, 0, 100, 100)),
+      withFormats(test::artboard("JPG-1", "Photo", test::frame(200, 0, 100, 100)),
+                  JsonArray{exportFormat("png"), exportFormat("jpg")}),
+      withFormats(test::artboard("JPEG-1", "Spelled out", test::frame(400, 0, 100, 100)),
+                  JsonArray{exportFormat("jpeg")}),
+  };
+  Document doc(std::move(boards));
+  ScopedEnv log("PLEXA_FAKE_SKETCHTOOL_LOG", doc.dir / "tool.log");
+  test::writeText(doc.out + "/PNG-1.png", "old image");
+  test::LogCapture messages;
+  auto exporter = doc.exporter();
+  EXPECT_EQ(exporter->fileFormatForArtboardID("JPG-1"), "jpg");
+  EXPECT_EQ(exporter->fileFormatForArtboardID("JPEG-1"), "png");
+  EXPECT_EQ(exporter->fileFormatForArtboardID("no-such-artboard"), "png");
+
+  ImageRun run;
+  run.start(*exporter, {"PNG-1", "JPG-1", "JPEG-1"}, 2, doc.out);
+  ASSERT_TRUE(run.wait());
+  EXPECT_TRUE(run.success);
+  EXPECT_EQ(run.files, (PXArtboardExporter::ExportedFiles{{"PNG-1", doc.out + "/PNG-1.png"},
+                                                         {"JPG-1", doc.out + "/JPG-1.jpg"},
+                                                         {"JPEG-1", doc.out + "/JPEG-1.png"}}));
+  EXPECT_TRUE(startsWith(test::readText(doc.out + "/PNG-1.png"), kPNGSignature));
+  EXPECT_TRUE(startsWith(test::readText(doc.out + "/JPG-1.jpg"), kJPEGStart));
+  EXPECT_EQ(PXFileManager::contentsOfDirectory(doc.out)->size(), 3u);  // no "@2x" names left behind
+  EXPECT_EQ(toolRuns(doc.dir / "tool.log").size(), 2u);
+  EXPECT_TRUE(messages.contains("total artboards count 3, queues count 2"));
+  EXPECT_TRUE(messages.contains("start exporting png (batches: 1)"));
+  EXPECT_TRUE(messages.contains("start exporting jpg (batches: 1)"));
+
+  // At scale 1 the tool already writes the final name; it stays where it is.
+  ImageRun again;
+  again.start(*exporter, {"PNG-1"}, 1, doc.out);
+  ASSERT_TRUE(again.wait());
+  EXPECT_EQ(again.progress, (std::vector<std::pair<std::string, std::string>>{{"PNG-1", doc.out + "/PNG-1.png"}}));
+}
+
+TEST(PXArtboardExporterImages, ToolWarningsAndMissingImagesShowInTheResult) {
+  std::vector<std::string> IDs;
+  Document doc(pngArtboards(3, &IDs));
+  auto exporter = doc.exporter();
+  {
+    ScopedEnv skip("PLEXA_FAKE_SKETCHTOOL_SKIP", "AB-1");
+    ImageRun run;
+    run.start(*exporter, IDs, 1, doc.out);
+    ASSERT_TRUE(run.wait());
+    EXPECT_TRUE(run.success);
+    EXPECT_EQ(run.files.size(), 2u);
+    EXPECT_FALSE(run.files.count("AB-1"));
+  }
+  {
+    ScopedEnv warning("PLEXA_FAKE_SKETCHTOOL_PRINT", "Warning: font Helvetica Neue missing");
+    test::LogCapture messages;
+    ImageRun run;
+    run.start(*exporter, IDs, 1, doc.out);
+    ASSERT_TRUE(run.wait());
+    EXPECT_FALSE(run.success);
+    EXPECT_EQ(run.files.size(), 3u);
+    EXPECT_TRUE(messages.contains("total artboards exported 3, all successful 0"));
+  }
+  // Nothing to export: no tool runs, and the answer is at once a success.
+  ScopedEnv log("PLEXA_FAKE_SKETCHTOOL_LOG", doc.dir / "tool.log");
+  ImageRun empty;
+  empty.start(*exporter, {}, 1, doc.out);
+  ASSERT_TRUE(empty.wait());
+  EXPECT_TRUE(empty.success);
+  EXPECT_TRUE(empty.files.empty());
+  EXPECT_TRUE(toolRuns(doc.dir / "tool.log").empty());
+}
+
+TEST(PXArtboardExporterImages, RaisingTheLimitStartsWaitingBatchesAtOnce) {
+  std::vector<std::string> IDs;
+  Document doc(pngArtboards(3, &IDs));
+  ScopedEnv pause("PLEXA_FAKE_SKETCHTOOL_SLEEP_MS", "600");
+  ScopedEnv log("PLEXA_FAKE_SKETCHTOOL_LOG", doc.dir / "tool.log");
+  auto exporter = doc.exporter();
+  exporter->setMaxNumberPerExport(1);
+  exporter->setMaxConcurrent(1);
+  ImageRun run;
+  run.start(*exporter, IDs, 1, doc.out);
+  ASSERT_TRUE(test::pumpMainUntil([&] { return toolRuns(doc.dir / "tool.log").size() == 1; }));
+  exporter->setMaxConcurrent(3);
+  EXPECT_EQ(exporter->maxConcurrent(), 3u);
+  ASSERT_TRUE(run.wait());
+  auto runs = toolRuns(doc.dir / "tool.log");
+  ASSERT_EQ(runs.size(), 3u);
+  EXPECT_EQ(mostAtOnce(runs), 3u);
+}
+
+TEST(PXArtboardExporterImages, CancelKillsRunningToolsAndDropsTheCompletion) {
+  std::vector<std::string> IDs;
+  Document doc(pngArtboards(30, &IDs));
+  ScopedEnv pause("PLEXA_FAKE_SKETCHTOOL_SLEEP_MS", "20000");
+  ScopedEnv log("PLEXA_FAKE_SKETCHTOOL_LOG", doc.dir / "tool.log");
+  auto exporter = doc.exporter();
+  exporter->setMaxConcurrent(2);
+  ImageRun run;
+  run.start(*exporter, IDs, 1, doc.out);
+  ASSERT_TRUE(test::pumpMainUntil([&] { return toolRuns(doc.dir / "tool.log").size() == 2; }));
+  EXPECT_EQ(exporter->sketchToolCount(), 2u);
+
+  auto cancelledAt = std::chrono::steady_clock::now();
+  exporter->cancel();
+  EXPECT_TRUE(exporter->isCancelled());
+  ASSERT_TRUE(test::pumpMainUntil([&] { return exporter->sketchToolCount() == 0; }, 5s));
+  EXPECT_LT(std::chrono::steady_clock::now() - cancelledAt, 5s);
+  test::pumpMainUntil([&] { return run.done.load(); }, 500ms);
+  EXPECT_FALSE(run.done);
+  auto runs = toolRuns(doc.dir / "tool.log");
+  EXPECT_EQ(runs.size(), 2u);
+  for (const auto& r : runs) {
+    EXPECT_TRUE(processGone(r.pid)) << r.pid;
+    EXPECT_EQ(r.end, 0) << "the run should have been killed, not finished";
+  }
+}
+
+TEST(PXArtboardExporterImages, WithoutSketchtoolNothingStartsButTheCompletionComes) {
+  std::vector<std::string> IDs;
+  Document doc(pngArtboards(2, &IDs));
+  test::LogCapture messages;
+  auto exporter = doc.exporter("/nonexistent/sketchtool");
+  ImageRun run;
+  run.start(*exporter, IDs, 1, doc.out);
+  ASSERT_TRUE(run.wait());
+  EXPECT_FALSE(run.success);
+  EXPECT_TRUE(run.files.empty());
+  EXPECT_EQ(messages.count("no sketchtool found"), 1u);
+
+  AssetRun assets;
+  writePaths(doc.dir / "paths", "AB-0", JsonArray{pathsRecord("L1", ".png", "/m/AB-0/P/B/x.png", "P/B", "x")});
+  assets.start(*exporter, std::nullopt, doc.dir / "paths", doc.out);
+  ASSERT_TRUE(assets.wait());
+  EXPECT_FALSE(*assets.success);
+  EXPECT_EQ(messages.count("no sketchtool found"), 2u);
+}
+
+TEST(PXArtboardExporterImages, SplitsInOrderedBatches) {
+  std::vector<std::string> IDs{"a", "b", "c", "d", "e"};
+  EXPECT_EQ(PXArtboardExporter::splitArray(IDs, 2),
+            (std::vector<std::vector<std::string>>{{"a", "b"}, {"c", "d"}, {"e"}}));
+  EXPECT_EQ(PXArtboardExporter::splitArray(IDs, 5).size(), 1u);
+  EXPECT_EQ(PXArtboardExporter::splitArray(IDs, 0).size(), 5u);
+  EXPECT_TRUE(PXArtboardExporter::splitArray({}, 10).empty());
+}
+
+// MARK: Layer assets
+
+TEST(PXArtboardExporterAssets, ConfigurationFromPathsFiles) {
+  test::TempDir dir;
+  std::string paths = dir / "paths";
+  writePaths(paths, "A1",
+             JsonArray{pathsRecord("L1", ".png", "/meta/A1/Page/Board/icons/icon.png", "Page/Board/icons", "icon"),
+                       pathsRecord("L1", ".png", "/meta/A1/Page/Board/shared/icon.png", "Page/Board/shared", "icon"),
+                       pathsRecord("L1", "@2x.png", "/meta/A1/Page/Board/icons/icon@2x.png", "Page/Board/icons",
+                                   "icon@2x")});
+  auto incomplete = pathsRecord("L3", ".png", "/meta/A1/Page/Board/o.png", "Page/Board", "o");
+  incomplete.erase("layerNameFormatted");
+  writePaths(paths, "A2", JsonArray{incomplete});
+  writePaths(paths, "B2", JsonArray{pathsRecord("L9", ".png", "/meta/B2/P/B/n.png", "P/B", "n")});
+  test::writeText(paths + "/C3-paths.json", "[{ not json");
+  test::writeText(paths + "/notes.json", "[]");
+
+  test::LogCapture log;
+  auto exporter = PXArtboardExporter::artboardExporterWithSketchFilePath("d.sketch", dir.path(), kFakeSketchtool);
+  JsonObject config = exporter->layerConfigFromPathsFolder(paths, std::vector<std::string>{"A1", "A2", "C3"});
+  EXPECT_EQ(*PXJsonSerialize(config, false),
+            R"({"L1":{".png":[)"
+            R"({"relativePath":"A1/Page/Board/icons","layerName":"icon","layerNameFormatted":"icon"},)"
+            R"({"relativePath":"A1/Page/Board/shared","layerName":"icon","layerNameFormatted":"icon"}],)"
+            R"("@2x.png":[{"relativePath":"A1/Page/Board/icons","layerName":"icon@2x","layerNameFormatted":"icon@2x"}]},)"
+            R"("L3":{}})");
+  EXPECT_TRUE(log.contains("ignored B2-paths.json"));
+  EXPECT_FALSE(log.contains("C3"));
+  EXPECT_TRUE(log.contains("Please use the latest version of PlexaExtract and update your base test case for "
+                           "-path.json {\"key\":\".png\",\"relativePath\":\"A1/Page/Board\""));
+  EXPECT_TRUE(log.contains("\"layerNameFormatted\":null"));
+
+  JsonObject all = exporter->layerConfigFromPathsFolder(paths, std::nullopt);
+  EXPECT_TRUE(all.contains("L9"));
+  EXPECT_TRUE(exporter->layerConfigFromPathsFolder(dir / "missing", std::nullopt).empty());
+}
+
+TEST(PXArtboardExporterAssets, EachFileReachesEveryDestinationOfItsKey) {
+  JsonArray layers{
+      withFormats(test::layer("shapePath", "L1", "icon", test::frame(0, 0, 24, 24)),
+                  JsonArray{exportFormat("png"), exportFormat("png", "@2x")}),
+      withFormats(test::layer("bitmap", "L2", "photo", test::frame(0, 30, 50, 50)), JsonArray{exportFormat("jpg")}),
+      withFormats(test::layer("shapePath", "L3", "orphan", test::frame(0, 90, 5, 5)), JsonArray{exportFormat("png")}),
+  };
+  Document doc(JsonArray{test::artboard("A1", "Board", test::frame(0, 0, 375, 667), std::move(layers))});
+  std::string paths = doc.dir / "paths";
+  auto orphan = pathsRecord("L3", ".png", "/meta/A1/Page/Board/orphan.png", "Page/Board", "orphan");
+  orphan.erase("layerNameFormatted");
+  writePaths(paths, "A1",
+             JsonArray{pathsRecord("L1", ".png", "/meta/A1/Page/Board/icons/icon.png", "Page/Board/icons", "icon"),
+                       pathsRecord("L1", ".png", "/meta/A1/Page/Board/shared/icon.png", "Page/Board/shared", "icon"),
+                       pathsRecord("L1", "@2x.png", "/meta/A1/Page/Board/icons/icon@2x.png", "Page/Board/icons",
+                                   "icon@2x"),
+                       pathsRecord("L2", ".jpg", "/meta/A1/Page/Board/photo.jpg", "Page/Board", "photo"), orphan});
+  test::writeText(doc.out + "/A1/Page/Board/icons/icon.png", "old");
+
+  test::LogCapture log;
+  auto exporter = doc.exporter();
+  AssetRun run;
+  run.start(*exporter, std::vector<std::string>{"A1"}, paths, doc.out);
+  ASSERT_TRUE(run.wait());
+  EXPECT_TRUE(*run.success);
+  std::string board = doc.out + "/A1/Page/Board";
+  std::vector<std::string> expected{board + "/icons/icon.png", board + "/shared/icon.png",
+                                    board + "/icons/icon@2x.png", board + "/photo.jpg"};
+  EXPECT_EQ(run.paths, expected);
+  EXPECT_EQ(run.progress, (std::vector<std::pair<std::string, std::string>>{
+                              {"L1", expected[0]}, {"L1", expected[1]}, {"L1", expected[2]}, {"L2", expected[3]}}));
+  for (const auto& path : expected) EXPECT_TRUE(PXFileManager::fileExists(path)) << path;
+  EXPECT_TRUE(startsWith(test::readText(expected[0]), kPNGSignature));
+  EXPECT_TRUE(startsWith(test::readText(expected[3]), kJPEGStart));
+  // The last destination took the file itself; the one without destinations stays.
+  EXPECT_FALSE(PXFileManager::fileExists(doc.out + "/L1.png"));
+  EXPECT_FALSE(PXFileManager::fileExists(doc.out + "/L1@2x.png"));
+  EXPECT_TRUE(PXFileManager::fileExists(doc.out + "/L3.png"));
+  EXPECT_TRUE(log.contains("PXArtboardExporter: no config for layerID `L3` key `.png`, removing that image file. " +
+                           doc.out + "/L3.png"));
+  EXPECT_EQ(exporter->sketchToolCount(), 0u);
+}
+
+TEST(PXArtboardExporterAssets, NamesFromTheDocumentNeverLeaveTheOutputFolder) {
+  JsonArray layers;
+  for (const char* id : {"L1", "L2", "L3", "L4", "L5"})
+    layers.push_back(withFormats(test::layer("shapePath", id, id, test::frame(0, 0, 8, 8)),
+                                 JsonArray{exportFormat("png")}));
+  Document doc(JsonArray{test::artboard("A1", "Board", test::frame(0, 0, 100, 100), std::move(layers))});
+  test::TempDir outside;
+  std::filesystem::create_symlink(outside.path(), doc.out + "/link");
+  std::string paths = doc.dir / "paths";
+  writePaths(paths, "A1",
+             JsonArray{pathsRecord("L1", ".png", "/m/A1/P/B/x.png", "P/B", "../../../../escaped"),
+                       pathsRecord("L2", ".png", "/m/A1/x.png", "../../escaped-folder", "x"),
+                       pathsRecord("L3", ".png", "/m/link/icons/x.png", "icons", "planted"),
+                       pathsRecord("L4", ".png", "/m/A1/P/x.png", "P", std::string("nul\0/../../../../n", 18)),
+                       pathsRecord("L5", ".png", "/m/A1/P/x.png", "P", "odd\x01name")});
+
+  test::LogCapture log;
+  auto exporter = doc.exporter();
+  AssetRun run;
+  run.start(*exporter, std::nullopt, paths, doc.out);
+  ASSERT_TRUE(run.wait());
+  EXPECT_EQ(run.paths, (std::vector<std::string>{doc.out + "/A1/P/odd\x01name.png"}));
+  EXPECT_TRUE(PXFileManager::fileExists(doc.out + "/A1/P/odd\x01name.png"));
+  EXPECT_EQ(log.count("outside the output folder"), 4u);
+  EXPECT_EQ(log.count("PXArtboardExporter failed to export assets"), 4u);
+  EXPECT_TRUE(PXFileManager::contentsOfDirectory(outside.path())->empty());
+  EXPECT_FALSE(PXFileManager::fileExists(doc.dir / "escaped.png"));
+  EXPECT_FALSE(PXFileManager::fileExists(doc.dir / "escaped-folder"));
+  // Refused files stay where the tool wrote them.
+  EXPECT_TRUE(PXFileManager::fileExists(doc.out + "/L1.png"));
+}
+
+TEST(PXArtboardExporterImages, APlantedLinkAtTheTargetIsNotFollowed) {
+  Document doc(JsonArray{test::artboard("A1", "Board", test::frame(0, 0, 100, 100))});
+  test::TempDir outside;
+  test::writeText(outside / "victim.png", "precious");
+  std::filesystem::create_symlink(outside / "victim.png", doc.out + "/A1.png");
+  test::LogCapture log;
+  auto exporter = doc.exporter();
+  ImageRun run;
+  run.start(*exporter, {"A1"}, 2, doc.out);
+  ASSERT_TRUE(run.wait());
+  EXPECT_EQ(test::readText(outside / "victim.png"), "precious");
+  EXPECT_EQ(run.files["A1"], doc.out + "/A1@2x.png");
+  EXPECT_TRUE(log.contains("outside the output folder"));
+}
