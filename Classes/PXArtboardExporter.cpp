@@ -103,7 +103,8 @@ std::string PXArtboardExporter::sketchFilePath() const {
 
 void PXArtboardExporter::setMaxConcurrent(uint64_t maxConcurrent) {
   maxConcurrent_ = maxConcurrent;
-  operationQueue_->setMaxConcurrentOperationCount(maxConcurrent);
+  // A limit of 0 would hold every batch back for good.
+  operationQueue_->setMaxConcurrentOperationCount(std::max<uint64_t>(maxConcurrent, 1));
 }
 
 void PXArtboardExporter::setMaxNumberPerExport(uint64_t maxNumberPerExport) {

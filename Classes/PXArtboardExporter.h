@@ -20,6 +20,7 @@
 
 namespace plexa {
 
+class PXAsyncWrapperOperation;
 class PXOperationQueue;
 class PXSketchOpenFormatReader;
 class PXSketchTool;
@@ -45,7 +46,8 @@ class PXArtboardExporter : public std::enable_shared_from_this<PXArtboardExporte
   std::optional<std::string> sketchToolPath;
   std::shared_ptr<PXSketchOpenFormatReader> sketchReader;
 
-  // How many sketchtool runs at once; a running export follows a change at once.
+  // How many sketchtool runs at once; a running export follows a change at
+  // once. 0 is taken as 1.
   void setMaxConcurrent(uint64_t maxConcurrent);
   uint64_t maxConcurrent() const { return maxConcurrent_; }
   // How many artboards one run renders; 0 is taken as 1.
@@ -111,7 +113,7 @@ class PXArtboardExporter : public std::enable_shared_from_this<PXArtboardExporte
 
   bool hasSketchTool() const;
   void runBatch(const std::shared_ptr<ImageExport>& state, const Batch& batch,
-                const std::shared_ptr<class PXAsyncWrapperOperation>& operation);
+                const std::shared_ptr<PXAsyncWrapperOperation>& operation);
   std::optional<std::string> placeArtboardImage(const std::string& artboardID, const std::string& fileName,
                                                 const std::string& outputFolder);
   void startLayerExport(const std::shared_ptr<const JsonObject>& config, const std::string& outputFolder,

@@ -18,6 +18,7 @@ constexpr const char* kAnimaPluginIdentifier = "com.animaapp.stc-sketch-plugin";
 // Far deeper than any real document; stops hostile nesting before the
 // stack does.
 constexpr int kMaximumNesting = 200;
+constexpr int kReportedLevels = 12;
 
 // Everything handed down unchanged through one level of the recursion.
 struct Context {
@@ -335,7 +336,11 @@ std::optional<bool> detachedSymbolMark(const JsonObject& layer) {
 Context childContext(const Context& context, const JsonObject& layer) {
   Context inner = context;
   inner.depth = context.depth + 1;
-  inner.trail = fmt::format("{} > {}", context.trail, PXMetaDescription(member(&layer, "do_objectID")));
+  // Reports name the outer levels; past them one ellipsis stands for the rest.
+  if (context.depth < kReportedLevels)
+    inner.trail = fmt::format("{} > {}", context.trail, PXMetaDescription(member(&layer, "do_objectID")));
+  else if (context.depth == kReportedLevels)
+    inner.trail = context.trail + " > ...";
   return inner;
 }
 

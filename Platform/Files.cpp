@@ -1,5 +1,7 @@
 #include "Files.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -124,20 +126,38 @@ bool isSymbolicLink(const std::string& path) {
 }
 
 std::optional<std::string> readFile(const std::string& path, std::string* error) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
+  // One read per block into a buffer sized from the file: documents run to
+  // hundreds of megabytes, and stream iterators copy a character at a time.
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
     if (error) *error = "cannot open " + path;
     return std::nullopt;
   }
-  std::error_code ec;
-  auto size = fs::file_size(path, ec);
-  std::string data;
-  if (!ec) data.reserve(size);
-  data.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  if (in.bad()) {
-    if (error) *error = "read error " + path;
+  struct stat st {};
+  if (::fstat(fd, &st) != 0 || S_ISDIR(st.st_mode)) {
+    ::close(fd);
+    if (error) *error = "cannot read " + path;
     return std::nullopt;
   }
+  std::string data(S_ISREG(st.st_mode) ? static_cast<size_t>(st.st_size) : 0, '\0');
+  size_t used = 0;
+  char overflow[1 << 16];  // a file that grew since fstat, or a pipe
+  while (true) {
+    bool inPlace = used < data.size();
+    char* into = inPlace ? data.data() + used : overflow;
+    ssize_t n = ::read(fd, into, inPlace ? data.size() - used : sizeof overflow);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      ::close(fd);
+      if (error) *error = "read error " + path;
+      return std::nullopt;
+    }
+    if (n == 0) break;
+    if (!inPlace) data.append(overflow, static_cast<size_t>(n));
+    used += static_cast<size_t>(n);
+  }
+  ::close(fd);
+  data.resize(used);
   return data;
 }
 

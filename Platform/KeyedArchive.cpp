@@ -388,6 +388,91 @@ PXAttributedString Unarchiver::attributedString(plist_t root) const {
   return std::move(*result);
 }
 
+// MARK: - Structure check
+
+// The property-list reader recurses once per nesting level and checks for
+// cycles slowly, so a deep or cyclic document would exhaust the stack or the
+// clock. Keyed archives are shallow (top dictionary, object list, objects,
+// their reference lists), so the structure is checked first, iteratively:
+// sizes and offsets in range, no reference cycle, little nesting.
+constexpr size_t kMaxPlistObjects = 200000;
+constexpr size_t kMaxPlistDepth = 16;
+
+uint64_t readBigEndian(std::string_view bytes, size_t at, size_t size) {
+  uint64_t value = 0;
+  for (size_t i = 0; i < size; ++i) value = (value << 8) | static_cast<unsigned char>(bytes[at + i]);
+  return value;
+}
+
+// The object references of the container at `offset`; empty for scalars.
+std::vector<uint64_t> containerReferences(std::string_view bytes, size_t offset, size_t end, size_t refSize) {
+  const auto marker = static_cast<unsigned char>(bytes[offset]);
+  const unsigned kind = marker >> 4;
+  if (kind != 0xA && kind != 0xC && kind != 0xD) return {};
+  uint64_t count = marker & 0x0F;
+  size_t cursor = offset + 1;
+  if (count == 0x0F) {
+    if (cursor >= end) throw DecodeError{"malformed property list"};
+    const auto sizeMarker = static_cast<unsigned char>(bytes[cursor]);
+    const size_t intSize = size_t{1} << (sizeMarker & 0x0F);
+    if ((sizeMarker >> 4) != 0x1 || intSize > 8 || cursor + 1 + intSize > end) throw DecodeError{"malformed property list"};
+    count = readBigEndian(bytes, cursor + 1, intSize);
+    cursor += 1 + intSize;
+  }
+  const uint64_t references = kind == 0xD ? count * 2 : count;
+  if (count > end || references > (end - cursor) / refSize) throw DecodeError{"malformed property list"};
+  std::vector<uint64_t> result;
+  result.reserve(references);
+  for (uint64_t i = 0; i < references; ++i) result.push_back(readBigEndian(bytes, cursor + i * refSize, refSize));
+  return result;
+}
+
+void checkPlistStructure(std::string_view bytes) {
+  if (bytes.size() < 8 + 32) throw DecodeError{"malformed property list"};
+  const size_t trailer = bytes.size() - 32;
+  const size_t offsetSize = static_cast<unsigned char>(bytes[trailer + 6]);
+  const size_t refSize = static_cast<unsigned char>(bytes[trailer + 7]);
+  const uint64_t count = readBigEndian(bytes, trailer + 8, 8);
+  const uint64_t top = readBigEndian(bytes, trailer + 16, 8);
+  const uint64_t tableOffset = readBigEndian(bytes, trailer + 24, 8);
+  if (offsetSize < 1 || offsetSize > 8 || refSize < 1 || refSize > 8) throw DecodeError{"malformed property list"};
+  if (count == 0 || count > kMaxPlistObjects) throw DecodeError{"property list has too many objects"};
+  if (top >= count || tableOffset < 8 || tableOffset > trailer || (trailer - tableOffset) / offsetSize < count) {
+    throw DecodeError{"malformed property list"};
+  }
+  std::vector<size_t> offsets(count);
+  for (uint64_t i = 0; i < count; ++i) {
+    offsets[i] = readBigEndian(bytes, tableOffset + i * offsetSize, offsetSize);
+    if (offsets[i] < 8 || offsets[i] >= tableOffset) throw DecodeError{"malformed property list"};
+  }
+  // Depth-first walk with an explicit stack: 0 unvisited, 1 on the path,
+  // 2 done. A reference back onto the path is a cycle.
+  std::vector<uint8_t> state(count, 0);
+  struct Frame {
+    uint64_t object;
+    std::vector<uint64_t> references;
+    size_t next = 0;
+  };
+  std::vector<Frame> path;
+  path.push_back({top, containerReferences(bytes, offsets[top], tableOffset, refSize)});
+  state[top] = 1;
+  while (!path.empty()) {
+    Frame& frame = path.back();
+    if (frame.next == frame.references.size()) {
+      state[frame.object] = 2;
+      path.pop_back();
+      continue;
+    }
+    const uint64_t child = frame.references[frame.next++];
+    if (child >= count) throw DecodeError{"malformed property list"};
+    if (state[child] == 1) throw DecodeError{"property list references itself"};
+    if (state[child] == 2) continue;
+    if (path.size() >= kMaxPlistDepth) throw DecodeError{"property list nested too deeply"};
+    state[child] = 1;
+    path.push_back({child, containerReferences(bytes, offsets[child], tableOffset, refSize)});
+  }
+}
+
 struct ParsedArchive {
   PlistPtr plist;
   plist_t objects = nullptr;
@@ -398,6 +483,7 @@ ParsedArchive parseArchive(std::string_view archive) {
   if (archive.empty()) throw DecodeError{"empty archive"};
   if (archive.size() > kMaxArchiveBytes) throw DecodeError{"archive too large"};
   if (archive.size() < 8 || archive.substr(0, 6) != "bplist") throw DecodeError{"not a binary property list"};
+  checkPlistStructure(archive);
   plist_t parsed = nullptr;
   plist_from_bin(archive.data(), static_cast<uint32_t>(archive.size()), &parsed);
   ParsedArchive result{PlistPtr(parsed)};

@@ -33,7 +33,8 @@ PXProcessOutput PXRunProcess(const std::string& path, const std::vector<std::str
 // A running child. Its standard output is read asynchronously on the main
 // queue; standard error is inherited. Every handler runs on the main thread:
 // `onChunk` once per piece of output, in order, then `onExit` exactly once,
-// after the last piece. Output that a left-over grandchild writes after the
+// after the last piece, with the exit status (or the number of the signal
+// that ended the program; -1 when it could not be learnt). Output that a left-over grandchild writes after the
 // child itself has ended is not waited for.
 class PXChildProcess {
  public:

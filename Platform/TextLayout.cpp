@@ -245,6 +245,9 @@ class LayoutEngine {
 };
 
 constexpr double kDefaultFontSize = 12;
+// Layout works in 1/1024 points in 32-bit integers: sizes and spacing are
+// kept well inside that range.
+constexpr double kMaxLayoutSize = 10000;
 
 // The face and size a run is set in: its font when installed, else the
 // system font of its size (or of the default size when it names none).
@@ -255,7 +258,10 @@ struct RunFont {
 
 RunFont runFont(const PXTextAttributes& attributes) {
   const FaceIndex& index = FaceIndex::shared();
-  const double size = attributes.font ? attributes.font->size : kDefaultFontSize;
+  double size = attributes.font ? attributes.font->size : kDefaultFontSize;
+  // A size of zero asks for the default size, as font descriptors do.
+  if (!std::isfinite(size) || size <= 0) size = kDefaultFontSize;
+  size = std::min(size, kMaxLayoutSize);
   if (attributes.font) {
     if (const Face* face = index.faceNamed(attributes.font->name)) return {fontFromFace(*face, size), face};
   }
@@ -282,7 +288,8 @@ std::unique_ptr<PangoAttrList, PangoAttrListDeleter> attributeList(const PXAttri
     fontAttribute->end_index = end;
     pango_attr_list_insert(list.get(), fontAttribute);
     if (run.attributes.kerning && std::isfinite(*run.attributes.kerning)) {
-      PangoAttribute* spacing = pango_attr_letter_spacing_new(static_cast<int>(*run.attributes.kerning * PANGO_SCALE));
+      const double kerning = std::clamp(*run.attributes.kerning, -kMaxLayoutSize, kMaxLayoutSize);
+      PangoAttribute* spacing = pango_attr_letter_spacing_new(static_cast<int>(kerning * PANGO_SCALE));
       spacing->start_index = start;
       spacing->end_index = end;
       pango_attr_list_insert(list.get(), spacing);
@@ -316,6 +323,15 @@ double lineHeight(const PXAttributedString& text, size_t fromUnit, size_t toUnit
   return height;
 }
 
+// Kerning adds space after every character, the last one of a line too;
+// the layout engine leaves that last one out.
+double trailingKerning(const PXAttributedString& text, size_t fromUnit, size_t toUnit) {
+  if (toUnit <= fromUnit) return 0;
+  const PXTextAttributes* attributes = text.attributesAtIndex(toUnit - 1);
+  if (!attributes || !attributes->kerning || !std::isfinite(*attributes->kerning)) return 0;
+  return std::clamp(*attributes->kerning, -kMaxLayoutSize, kMaxLayoutSize);
+}
+
 double paragraphSpacingAfter(const PXAttributedString& text, size_t unit) {
   const PXTextAttributes* attributes = text.attributesAtIndex(unit);
   if (!attributes || !attributes->paragraphStyle) return 0;
@@ -332,6 +348,7 @@ std::optional<PXFont> PXFontWithName(const std::string& name, double size) {
 }
 
 PXFont PXSystemFontOfSize(double size) {
+  if (!std::isfinite(size)) size = 0;  // keeps the cache's ordering sound
   static std::mutex mutex;
   static std::map<double, PXFont> cache;
   std::lock_guard lock(mutex);
@@ -389,9 +406,9 @@ std::optional<PXUsedRect> PXMeasureAttributedString(const PXAttributedString& te
     PangoLayoutLine* line = pango_layout_get_line_readonly(layout.get(), i);
     PangoRectangle logical{};
     pango_layout_line_get_extents(line, nullptr, &logical);
-    used.width = std::max(used.width, double(logical.width) / PANGO_SCALE);
     const size_t from = PXUTF16IndexForUTF8Offset(utf8, static_cast<size_t>(line->start_index));
     const size_t to = PXUTF16IndexForUTF8Offset(utf8, static_cast<size_t>(line->start_index + line->length));
+    used.width = std::max(used.width, double(logical.width) / PANGO_SCALE + trailingKerning(text, from, to));
     used.height += lineHeight(text, from, to);
     PangoLayoutLine* next = i + 1 < count ? pango_layout_get_line_readonly(layout.get(), i + 1) : nullptr;
     if (next && next->is_paragraph_start && to > 0) used.height += paragraphSpacingAfter(text, to - 1);

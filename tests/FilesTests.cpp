@@ -71,9 +71,11 @@ TEST(PXFileManagerWrites, AtomicWritesReplaceWholeFiles) {
   ASSERT_TRUE(PXFileManager::writeFileAtomically(path, "first version, longer than the second", &error)) << error;
   ASSERT_TRUE(PXFileManager::writeFileAtomically(path, "second", &error)) << error;
   EXPECT_EQ(readText(path), "second");
-  std::string big(5u << 20, 'x');
+  std::string big(5u << 20, '\0');
+  for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>((i * 31) >> 3);
   ASSERT_TRUE(PXFileManager::writeFileAtomically(path, big));
   EXPECT_EQ(PXFileManager::attributesOfItem(path)->size, big.size());
+  EXPECT_TRUE(PXFileManager::readFile(path) == big) << "read back byte for byte";
   EXPECT_EQ(*PXFileManager::contentsOfDirectory(dir.path()), std::vector<std::string>{"meta.json"})
       << "no temporary file is left beside it";
 
@@ -94,6 +96,9 @@ TEST(PXFileManagerWrites, AtomicWritesReplaceWholeFiles) {
   error.clear();
   EXPECT_FALSE(PXFileManager::readFile(dir / "absent.json", &error));
   EXPECT_FALSE(error.empty());
+  EXPECT_FALSE(PXFileManager::readFile(dir.path())) << "a folder is not a file";
+  writeText(dir / "empty.json", "");
+  EXPECT_EQ(PXFileManager::readFile(dir / "empty.json"), std::string());
 }
 
 TEST(PXFileManagerFolders, CreateCopyRemoveAndList) {

@@ -93,6 +93,36 @@ std::string attributedArchive(const std::string& text, const std::function<void(
   return raw.finish(raw.add(root));
 }
 
+// A binary property list of `depth` arrays nested in each other, the last
+// one referring back to `lastRefersTo` (or empty when that is depth).
+std::string nestedArrays(uint32_t depth, uint32_t lastRefersTo) {
+  std::string out = "bplist00";
+  std::vector<uint32_t> offsets;
+  const auto put32 = [&](uint64_t v) {
+    for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<char>((v >> shift) & 0xFF));
+  };
+  for (uint32_t i = 0; i < depth; ++i) {
+    offsets.push_back(static_cast<uint32_t>(out.size()));
+    const bool last = i + 1 == depth;
+    if (last && lastRefersTo >= depth) {
+      out.push_back('\xA0');
+    } else {
+      out.push_back('\xA1');
+      put32(last ? lastRefersTo : i + 1);
+    }
+  }
+  const uint64_t table = out.size();
+  for (uint32_t offset : offsets) put32(offset);
+  out += std::string(6, '\0');
+  out.push_back(4);  // offset size
+  out.push_back(4);  // reference size
+  for (uint64_t v : {uint64_t(depth), uint64_t(0), table}) {
+    put32(v >> 32);
+    put32(v & 0xFFFFFFFF);
+  }
+  return out;
+}
+
 // Every text layer's attributed-string holder in a document, by layer ID.
 std::map<std::string, JsonObject> textLayers(const std::string& sketchPath) {
   std::map<std::string, JsonObject> layers;
@@ -357,6 +387,20 @@ TEST(KeyedArchiveHostile, MalformedContainersGiveAbsentWithALogLine) {
   plist_free(dict);
   EXPECT_FALSE(PXUnarchiveAttributedString(notKeyed).has_value());
   EXPECT_TRUE(logs.contains("not a keyed archive"));
+}
+
+TEST(KeyedArchiveHostile, DeepOrCyclicPropertyListsAreRefusedQuickly) {
+  LogCapture logs;
+  // Deep enough to exhaust the stack of a recursive reader.
+  EXPECT_FALSE(PXUnarchiveAttributedString(nestedArrays(200000, 200000)).has_value());
+  EXPECT_TRUE(logs.contains("nested too deeply"));
+  EXPECT_FALSE(PXUnarchiveAttributedString(nestedArrays(3, 0)).has_value());
+  EXPECT_TRUE(logs.contains("references itself"));
+  // Shallow and acyclic passes the check and fails later for what it is.
+  EXPECT_FALSE(PXUnarchiveAttributedString(nestedArrays(3, 3)).has_value());
+  EXPECT_TRUE(logs.contains("malformed property list"));
+  // A reference past the object table.
+  EXPECT_FALSE(PXUnarchiveAttributedString(nestedArrays(3, 7)).has_value());
 }
 
 TEST(KeyedArchiveHostile, BadReferencesAndRunTables) {

@@ -1,18 +1,20 @@
 #include "Notifications.h"
 
+#include "Files.h"
 #include "MainQueue.h"
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <limits>
 #include <string>
 #include <vector>
@@ -28,43 +30,23 @@ namespace {
 // A child process started with the test's environment; killed if still running.
 class Child {
  public:
-  Child(const std::vector<std::string>& argv, bool captureStdout = false) {
+  explicit Child(const std::vector<std::string>& argv) {
     std::vector<char*> args;
     for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    int out[2] = {-1, -1};
-    if (captureStdout && pipe(out) == 0) {
-      posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-      posix_spawn_file_actions_addclose(&actions, out[0]);
-    }
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    if (posix_spawnp(&pid_, args[0], &actions, nullptr, args.data(), environ) != 0) pid_ = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    if (out[1] >= 0) close(out[1]);
-    stdout_ = out[0];
+    if (posix_spawnp(&pid_, args[0], nullptr, nullptr, args.data(), environ) != 0) pid_ = -1;
   }
   ~Child() {
     if (pid_ > 0 && !exited_) {
       kill(pid_, SIGTERM);
       waitpid(pid_, nullptr, 0);
     }
-    if (stdout_ >= 0) close(stdout_);
   }
   bool started() const { return pid_ > 0; }
-  // The first line the child writes, within `timeout`.
-  std::string readLine(std::chrono::milliseconds timeout) {
-    std::string line;
-    char c;
-    pollfd fd{stdout_, POLLIN, 0};
-    while (poll(&fd, 1, static_cast<int>(timeout.count())) > 0 && read(stdout_, &c, 1) == 1 && c != '\n') line += c;
-    return line;
-  }
   // The exit status, or -1 when it has not ended within `timeout`.
   int wait(std::chrono::milliseconds timeout) {
     auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (std::chrono::steady_clock::now() < deadline) {
+    while (pid_ > 0 && std::chrono::steady_clock::now() < deadline) {
       int status = 0;
       if (waitpid(pid_, &status, WNOHANG) == pid_) {
         exited_ = true;
@@ -77,7 +59,6 @@ class Child {
 
  private:
   pid_t pid_ = -1;
-  int stdout_ = -1;
   bool exited_ = false;
 };
 
@@ -85,16 +66,31 @@ class Child {
 class SessionBus : public ::testing::Environment {
  public:
   void SetUp() override {
-    daemon_ = std::make_unique<Child>(
-        std::vector<std::string>{"dbus-daemon", "--session", "--nofork", "--print-address=1"}, true);
-    std::string address = daemon_->readLine(10s);
-    ASSERT_FALSE(address.empty()) << "dbus-daemon did not start";
-    setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
+    // setpriv: the bus ends with this program, even when a test crashes it.
+    daemon_ = popen("exec setpriv --pdeathsig TERM dbus-daemon --session --nofork --print-address=1 --print-pid=1"
+                    " 2>/dev/null",
+                    "r");
+    ASSERT_NE(nullptr, daemon_);
+    char address[512] = {}, pid[32] = {};
+    ASSERT_TRUE(fgets(address, sizeof address, daemon_) && fgets(pid, sizeof pid, daemon_));
+    address[strcspn(address, "\n")] = 0;
+    pid_ = std::atoi(pid);
+    setenv("DBUS_SESSION_BUS_ADDRESS", address, 1);
+    // A private copy, so a rebuild of the shared one mid-run cannot get in the way.
+    tools_ = PXFileManager::makeTemporaryDirectory("plexa-tools");
+    ASSERT_TRUE(PXFileManager::copyItem(std::string(PLEXA_TEST_BINARY_DIR) + "/fake-anima", fakeAnima()));
   }
-  void TearDown() override { daemon_.reset(); }
+  void TearDown() override {
+    if (pid_ > 0) kill(pid_, SIGTERM);
+    if (daemon_) pclose(daemon_);
+    PXFileManager::removeItem(tools_);
+  }
+  static std::string fakeAnima() { return tools_ + "/fake-anima"; }
 
  private:
-  std::unique_ptr<Child> daemon_;
+  FILE* daemon_ = nullptr;
+  pid_t pid_ = 0;
+  static inline std::string tools_;
 };
 [[maybe_unused]] auto* const gBus = ::testing::AddGlobalTestEnvironment(new SessionBus);
 
@@ -159,7 +155,7 @@ TEST(DistributedNotifications, RequestsAreAnsweredByAPeerProcess) {
   auto readyToken = center->addObserver("PXFakeAnimaReady", std::string("fake-anima"),
                                         [&](const PXNotification&) { ready = true; });
   auto answerToken = center->addObserver("MPSyncAnimaExporterFinishNotification", std::nullopt, answers.block());
-  Child peer({std::string(PLEXA_TEST_BINARY_DIR) + "/fake-anima", "--record", dir / "request.json"});
+  Child peer({SessionBus::fakeAnima(), "--record", dir / "request.json"});
   ASSERT_TRUE(peer.started());
   ASSERT_TRUE(pumpMainUntil([&] { return ready; }));
 

@@ -26,22 +26,31 @@ namespace {
 class SessionBus : public ::testing::Environment {
  public:
   void SetUp() override {
-    daemon_ = popen("exec dbus-daemon --session --nofork --print-address=1 --print-pid=1 2>/dev/null", "r");
+    // setpriv: the bus ends with this program, even when a test crashes it.
+    daemon_ = popen("exec setpriv --pdeathsig TERM dbus-daemon --session --nofork --print-address=1 --print-pid=1"
+                    " 2>/dev/null",
+                    "r");
     ASSERT_NE(nullptr, daemon_);
     char address[512] = {}, pid[32] = {};
     ASSERT_TRUE(fgets(address, sizeof address, daemon_) && fgets(pid, sizeof pid, daemon_));
     address[strcspn(address, "\n")] = 0;
     pid_ = std::atoi(pid);
     setenv("DBUS_SESSION_BUS_ADDRESS", address, 1);
+    // A private copy, so a rebuild of the shared one mid-run cannot get in the way.
+    tools_ = PXFileManager::makeTemporaryDirectory("plexa-tools");
+    ASSERT_TRUE(PXFileManager::copyItem(std::string(PLEXA_TEST_BINARY_DIR) + "/fake-anima", fakeAnima()));
   }
   void TearDown() override {
     if (pid_ > 0) kill(pid_, SIGTERM);
     if (daemon_) pclose(daemon_);
+    PXFileManager::removeItem(tools_);
   }
+  static std::string fakeAnima() { return tools_ + "/fake-anima"; }
 
  private:
   FILE* daemon_ = nullptr;
   pid_t pid_ = 0;
+  static inline std::string tools_;
 };
 [[maybe_unused]] auto* const gBus = ::testing::AddGlobalTestEnvironment(new SessionBus);
 
@@ -52,7 +61,7 @@ class FakeAnima {
     bool ready = false;
     auto token = PXDistributedNotificationCenter::defaultCenter()->addObserver(
         "PXFakeAnimaReady", std::string("fake-anima"), [&](const PXNotification&) { ready = true; });
-    options.insert(options.begin(), std::string(PLEXA_TEST_BINARY_DIR) + "/fake-anima");
+    options.insert(options.begin(), SessionBus::fakeAnima());
     std::vector<char*> argv;
     for (auto& o : options) argv.push_back(o.data());
     argv.push_back(nullptr);

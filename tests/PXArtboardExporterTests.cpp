@@ -1,7 +1,6 @@
 #include "Files.h"
 #include "MainQueue.h"
 #include "PXArtboardExporter.h"
-#include "PXSketchTool.h"
 #include "PathString.h"
 #include "TestSupport.h"
 
@@ -318,14 +317,16 @@ TEST(PXArtboardExporterImages, ToolWarningsAndMissingImagesShowInTheResult) {
 TEST(PXArtboardExporterImages, RaisingTheLimitStartsWaitingBatchesAtOnce) {
   std::vector<std::string> IDs;
   Document doc(pngArtboards(3, &IDs));
-  ScopedEnv pause("PLEXA_FAKE_SKETCHTOOL_SLEEP_MS", "600");
+  ScopedEnv pause("PLEXA_FAKE_SKETCHTOOL_SLEEP_MS", "1000");
   ScopedEnv log("PLEXA_FAKE_SKETCHTOOL_LOG", doc.dir / "tool.log");
   auto exporter = doc.exporter();
   exporter->setMaxNumberPerExport(1);
-  exporter->setMaxConcurrent(1);
+  exporter->setMaxConcurrent(0);  // taken as 1: a limit of 0 must not stall the export
   ImageRun run;
   run.start(*exporter, IDs, 1, doc.out);
   ASSERT_TRUE(test::pumpMainUntil([&] { return toolRuns(doc.dir / "tool.log").size() == 1; }));
+  test::pumpMainUntil([] { return false; }, 200ms);
+  EXPECT_EQ(toolRuns(doc.dir / "tool.log").size(), 1u);
   exporter->setMaxConcurrent(3);
   EXPECT_EQ(exporter->maxConcurrent(), 3u);
   ASSERT_TRUE(run.wait());
@@ -515,4 +516,31 @@ TEST(PXArtboardExporterImages, APlantedLinkAtTheTargetIsNotFollowed) {
   EXPECT_EQ(test::readText(outside / "victim.png"), "precious");
   EXPECT_EQ(run.files["A1"], doc.out + "/A1@2x.png");
   EXPECT_TRUE(log.contains("outside the output folder"));
+}
+
+TEST(PXArtboardExporterAssets, CancelKillsTheRunAndPlacesNothingMore) {
+  Document doc(JsonArray{test::artboard(
+      "A1", "Board", test::frame(0, 0, 100, 100),
+      JsonArray{withFormats(test::layer("shapePath", "L1", "icon", test::frame(0, 0, 8, 8)),
+                            JsonArray{exportFormat("png")})})});
+  std::string paths = doc.dir / "paths";
+  writePaths(paths, "A1", JsonArray{pathsRecord("L1", ".png", "/m/A1/P/B/icon.png", "P/B", "icon")});
+  ScopedEnv pause("PLEXA_FAKE_SKETCHTOOL_SLEEP_MS", "20000");
+  ScopedEnv log("PLEXA_FAKE_SKETCHTOOL_LOG", doc.dir / "tool.log");
+  auto exporter = doc.exporter();
+  AssetRun run;
+  run.start(*exporter, std::nullopt, paths, doc.out);
+  ASSERT_TRUE(test::pumpMainUntil([&] { return toolRuns(doc.dir / "tool.log").size() == 1; }));
+  exporter->cancel();
+  ASSERT_TRUE(run.wait(5s));
+  EXPECT_TRUE(run.paths.empty());
+  EXPECT_FALSE(PXFileManager::fileExists(doc.out + "/A1/P/B/icon.png"));
+  EXPECT_TRUE(processGone(toolRuns(doc.dir / "tool.log")[0].pid));
+
+  // A cancelled exporter starts nothing new, and says nothing.
+  AssetRun later;
+  later.start(*exporter, std::nullopt, paths, doc.out);
+  test::pumpMainUntil([&] { return later.success.has_value(); }, 300ms);
+  EXPECT_FALSE(later.success);
+  EXPECT_EQ(toolRuns(doc.dir / "tool.log").size(), 1u);
 }

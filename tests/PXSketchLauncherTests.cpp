@@ -18,14 +18,15 @@ using namespace std::chrono_literals;
 
 namespace {
 
-const std::string kFakeSketch = std::string(PLEXA_TEST_BINARY_DIR) + "/fake-sketch";
-
 // A private session bus, and a copy of the plug-in resource that the tests
 // may write requests into, for the whole program.
 class LauncherEnvironment : public ::testing::Environment {
  public:
   void SetUp() override {
-    daemon_ = popen("exec dbus-daemon --session --nofork --print-address=1 --print-pid=1 2>/dev/null", "r");
+    // setpriv: the bus ends with this program, even when a test crashes it.
+    daemon_ = popen("exec setpriv --pdeathsig TERM dbus-daemon --session --nofork --print-address=1 --print-pid=1"
+                    " 2>/dev/null",
+                    "r");
     ASSERT_NE(nullptr, daemon_);
     char address[512] = {}, pid[32] = {};
     ASSERT_TRUE(fgets(address, sizeof address, daemon_) && fgets(pid, sizeof pid, daemon_));
@@ -38,6 +39,8 @@ class LauncherEnvironment : public ::testing::Environment {
                                         resources_ + "/PXSketchLauncher.sketchplugin"));
     setenv("PLEXA_RESOURCES_DIR", resources_.c_str(), 1);
     setenv("FAKE_SKETCH_LOG", (resources_ + "/fake-sketch.log").c_str(), 1);
+    // A private copy, so a rebuild of the shared one mid-run cannot get in the way.
+    ASSERT_TRUE(PXFileManager::copyItem(std::string(PLEXA_TEST_BINARY_DIR) + "/fake-sketch", fakeSketch()));
   }
   void TearDown() override {
     if (pid_ > 0) kill(pid_, SIGTERM);
@@ -45,11 +48,12 @@ class LauncherEnvironment : public ::testing::Environment {
     PXFileManager::removeItem(resources_);
   }
   static std::string resources() { return getenv("PLEXA_RESOURCES_DIR"); }
+  static std::string fakeSketch() { return resources_ + "/fake-sketch"; }
 
  private:
   FILE* daemon_ = nullptr;
   pid_t pid_ = 0;
-  std::string resources_;
+  static inline std::string resources_;
 };
 [[maybe_unused]] auto* const gEnvironment = ::testing::AddGlobalTestEnvironment(new LauncherEnvironment);
 
@@ -65,7 +69,7 @@ void settle() { pumpMainUntil([] { return false; }, 300ms); }
 
 std::shared_ptr<PXSketchLauncher> makeLauncher(const TempDir& dir) {
   auto launcher = PXSketchLauncher::make();
-  launcher->sketchToolPath = kFakeSketch;
+  launcher->sketchToolPath = LauncherEnvironment::fakeSketch();
   launcher->sketchPluginsFolderPath = dir / "Plugins";
   PXFileManager::createDirectory(dir / "Plugins", true);
   return launcher;
@@ -135,7 +139,7 @@ TEST(PXSketchLauncher, NotFoundClearsTheRequestAndLaterAnswersCallNothing) {
 TEST(PXSketchLauncher, LaunchInstallsThePluginUntilSketchHasStarted) {
   TempDir dir;
   auto launcher = makeLauncher(dir);
-  launcher->launchCommandPath = kFakeSketch;
+  launcher->launchCommandPath = LauncherEnvironment::fakeSketch();
   launcher->launchArguments = {"app"};
   int startups = 0;
   std::optional<std::string> error = "not called";

@@ -92,7 +92,7 @@ class RecordingDelegate : public PXSketchUnzipperDelegate {
 TEST(PXSketchUnzipperStatus, PlainUnzipCompletesWithTheInputFromABackgroundQueue) {
   TempDir dir;
   std::string sketch = smallDocument().writeSketch(dir / "in.sketch");
-  for (const std::optional<std::string> method : {std::optional<std::string>(), std::optional<std::string>("none")}) {
+  for (const std::optional<std::string>& method : {std::optional<std::string>(), std::optional<std::string>("none")}) {
     SCOPED_TRACE(method.value_or("(absent)"));
     auto unzipper = PXSketchUnzipper::make();
     unzipper->sketchFilePath = sketch;

@@ -20,14 +20,15 @@ using namespace std::chrono_literals;
 
 namespace {
 
-const std::string kFakeSketch = std::string(PLEXA_TEST_BINARY_DIR) + "/fake-sketch";
-
 // A private session bus, and a copy of the plug-in resource that the tests
 // may write configurations into, for the whole program.
 class DetacherEnvironment : public ::testing::Environment {
  public:
   void SetUp() override {
-    daemon_ = popen("exec dbus-daemon --session --nofork --print-address=1 --print-pid=1 2>/dev/null", "r");
+    // setpriv: the bus ends with this program, even when a test crashes it.
+    daemon_ = popen("exec setpriv --pdeathsig TERM dbus-daemon --session --nofork --print-address=1 --print-pid=1"
+                    " 2>/dev/null",
+                    "r");
     ASSERT_NE(nullptr, daemon_);
     char address[512] = {}, pid[32] = {};
     ASSERT_TRUE(fgets(address, sizeof address, daemon_) && fgets(pid, sizeof pid, daemon_));
@@ -40,6 +41,8 @@ class DetacherEnvironment : public ::testing::Environment {
                                         resources_ + "/PXSketchLauncher.sketchplugin"));
     setenv("PLEXA_RESOURCES_DIR", resources_.c_str(), 1);
     setenv("FAKE_SKETCH_LOG", (resources_ + "/fake-sketch.log").c_str(), 1);
+    // A private copy, so a rebuild of the shared one mid-run cannot get in the way.
+    ASSERT_TRUE(PXFileManager::copyItem(std::string(PLEXA_TEST_BINARY_DIR) + "/fake-sketch", fakeSketch()));
   }
   void TearDown() override {
     if (pid_ > 0) kill(pid_, SIGTERM);
@@ -47,11 +50,12 @@ class DetacherEnvironment : public ::testing::Environment {
     PXFileManager::removeItem(resources_);
   }
   static std::string resources() { return getenv("PLEXA_RESOURCES_DIR"); }
+  static std::string fakeSketch() { return resources_ + "/fake-sketch"; }
 
  private:
   FILE* daemon_ = nullptr;
   pid_t pid_ = 0;
-  std::string resources_;
+  static inline std::string resources_;
 };
 [[maybe_unused]] auto* const gEnvironment = ::testing::AddGlobalTestEnvironment(new DetacherEnvironment);
 
@@ -111,7 +115,7 @@ std::shared_ptr<PXSymbolDetacher> makeDetacher(const std::string& document) {
   PXFileManager::removeItem(DetacherEnvironment::resources() + "/fake-sketch.log");
   auto detacher = PXSymbolDetacher::make();
   detacher->sketchFilePath = document;
-  detacher->sketchToolPath = kFakeSketch;
+  detacher->sketchToolPath = DetacherEnvironment::fakeSketch();
   return detacher;
 }
 
