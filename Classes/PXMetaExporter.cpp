@@ -56,7 +56,25 @@ bool isPlainFileName(const std::string& name) {
          name.find('\0') == std::string::npos;
 }
 
-bool hasJPGExportFormat(const std::optional<JsonObject>& artboard) {
+// The artboard or symbol master `artboardID` among the page's top-level
+// layers (the last one when the ID repeats), as the reader finds it, but
+// shared with the cached page instead of copied out of it.
+std::shared_ptr<const JsonObject> artboardInPage(const std::shared_ptr<const JsonObject>& page,
+                                                 const std::string& artboardID) {
+  if (!page) return nullptr;
+  auto layers = page->find("layers");
+  if (layers == page->end() || !layers->value().is_array()) return nullptr;
+  const JsonObject* match = nullptr;
+  for (const auto& layer : layers->value().get_array()) {
+    auto cls = PXJsonTextFor(&layer, "_class");
+    auto id = PXJsonTextFor(&layer, "do_objectID");
+    if (cls && (*cls == "artboard" || *cls == "symbolMaster") && id && *id == artboardID) match = &layer.get_object();
+  }
+  if (!match) return nullptr;
+  return std::shared_ptr<const JsonObject>(page, match);
+}
+
+bool hasJPGExportFormat(const JsonObject* artboard) {
   if (!artboard) return false;
   auto options = artboard->find("exportOptions");
   if (options == artboard->end()) return false;
@@ -93,14 +111,15 @@ std::optional<std::string> PXMetaExporter::formattedMetaJSONFileForArtboardID(co
                                                                               bool excludeIgnoredArtboardName,
                                                                               const std::string& outputFolder,
                                                                               const JsonObject* assetIds) {
-  auto artboard = sketchReader->artboardJSONByID(artboardID);
+  auto pageID = sketchReader->pageIDByArtboardID(artboardID);
+  auto page = pageID ? sketchReader->pageJSONByID(*pageID) : nullptr;
+  auto artboard = artboardInPage(page, artboardID);
   std::optional<std::string_view> artboardName;
   if (artboard)
     if (auto it = artboard->find("name"); it != artboard->end()) artboardName = PXJsonText(&it->value());
   // Artboards named "-..." are kept out of the inspect data on purpose.
   if (excludeIgnoredArtboardName && artboardName && artboardName->starts_with("-")) return std::nullopt;
 
-  auto pageID = sketchReader->pageIDByArtboardID(artboardID);
   if (!artboard || !pageID) {
     PXLogVerbose("<PXMetaExporter: {}> artboardJSON {}, pageID {}", fmt::ptr(this), artboard ? 1 : 0, pageID ? 1 : 0);
     return std::nullopt;
@@ -115,7 +134,6 @@ std::optional<std::string> PXMetaExporter::formattedMetaJSONFileForArtboardID(co
 
   JsonObject meta;
   try {
-    auto page = sketchReader->pageJSONByID(*pageID);
     PXSketchOpenFormatReader::Dictionary document;
     int64_t pageIndex = PXSketchOpenFormatReader::NotFound;
     try {
@@ -174,12 +192,13 @@ void PXMetaExporter::formattedJSONFileForSelectedArtboardIDs(const std::vector<s
 
 JsonObject PXMetaExporter::syncInfoForArtboardID(const std::string& artboardID, bool isSyncing, uint64_t index,
                                                  double scale, const std::string& sketchFileURLName) {
-  auto artboard = sketchReader->artboardJSONByID(artboardID);
+  auto pageID = sketchReader->pageIDByArtboardID(artboardID);
+  auto artboard = artboardInPage(pageID ? sketchReader->pageJSONByID(*pageID) : nullptr, artboardID);
   std::optional<std::string> name;
   if (artboard)
     if (auto it = artboard->find("name"); it != artboard->end() && it->value().is_string())
       name = std::string(it->value().get_string());
-  const char* imageFormat = hasJPGExportFormat(artboard) ? "jpg" : "png";
+  const char* imageFormat = hasJPGExportFormat(artboard.get()) ? "jpg" : "png";
   JsonValue scaleValue(scale);
   JsonObject record;
   record["name"] = PXAppendingPathExtension(sanitizeArtboardName(name), imageFormat);
@@ -209,9 +228,8 @@ PXMetaMissingLayerHandler PXMetaExporter::missingLayerHandler() {
     std::optional<PXMetaMissingLayer> answer;
     if (auto pageID = self->sketchReader->pageIDByArtboardID(artboardID)) {
       PXMetaMissingLayer layer;
-      if (auto artboard = self->sketchReader->artboardJSONByID(artboardID))
-        layer.artboardJSON = std::make_shared<const JsonObject>(std::move(*artboard));
       layer.pageJSON = self->sketchReader->pageJSONByID(*pageID);
+      layer.artboardJSON = artboardInPage(layer.pageJSON, artboardID);
       answer = std::move(layer);
     }
     found->emplace(artboardID, answer);
@@ -223,7 +241,7 @@ std::optional<std::string> PXMetaExporter::destinationInside(const std::string& 
                                                              const std::string& fileName) const {
   std::string stem = fileName.substr(0, fileName.rfind('.'));
   if (!isPlainFileName(stem)) return std::nullopt;
-  return PXResolveInside(outputFolder, PXAppendingPathComponent(outputFolder, fileName));
+  return PXResolveInside(outputFolder, fileName);
 }
 
 }  // namespace plexa

@@ -142,12 +142,12 @@ void applyRun(TypefaceState& state, const PXTextAttributes& attributes) {
   }
 }
 
-std::optional<JsonValue> characterSpacingFromJSON(const JsonObject& layer) {
-  const JsonValue root(layer);
-  auto spacing = PXValueForKeyPath(root, "style.textStyle.encodedAttributes.NSKern");
-  if (!spacing) spacing = PXValueForKeyPath(root, "style.textStyle.encodedAttributes.kerning");
-  if (!spacing) return std::nullopt;
-  return PXMetaFiniteValue(*spacing);
+// `style.textStyle.encodedAttributes.NSKern`, else `.kerning`.
+const JsonValue* characterSpacingFromJSON(const JsonObject& layer) {
+  const JsonValue* style = layer.if_contains("style");
+  const JsonValue* encoded = PXJsonFind(PXJsonFind(style, "textStyle"), "encodedAttributes");
+  const JsonValue* spacing = PXJsonFind(encoded, "NSKern");
+  return spacing ? spacing : PXJsonFind(encoded, "kerning");
 }
 
 template <typename T>
@@ -207,7 +207,7 @@ std::optional<JsonObject> PXMetaTypefaceFromJSON(const JsonObject& layer) {
   const auto string = PXAttributedStringFromJSON(layer);
   if (!string) return std::nullopt;
 
-  const auto characterSpacing = characterSpacingFromJSON(layer);
+  const JsonValue* characterSpacing = characterSpacingFromJSON(layer);
   TypefaceState state;
   for (const auto& run : string->runs()) applyRun(state, run.attributes);
 
@@ -216,7 +216,8 @@ std::optional<JsonObject> PXMetaTypefaceFromJSON(const JsonObject& layer) {
   PXMetaAddToDictionary(record, "weight", jsonOptional(state.weight));
   PXMetaAddToDictionary(record, "fontSize", jsonOptional(state.fontSize));
   PXMetaAddToDictionary(record, "lineHeight", jsonOptional(state.lineHeight));
-  PXMetaAddToDictionary(record, "characterSpacing", characterSpacing, JsonValue(0));
+  const JsonValue noSpacing(0);
+  PXMetaAddToDictionary(record, "characterSpacing", characterSpacing, &noSpacing);
   PXMetaAddToDictionary(record, "paragraphSpacing", jsonOptional(state.paragraphSpacing));
   PXMetaAddToDictionary(record, "alignment", jsonOptional(state.alignment));
   PXMetaAddToDictionary(record, "fontColor",

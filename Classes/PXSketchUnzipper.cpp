@@ -6,7 +6,10 @@
 #include "Log.h"
 #include "MainQueue.h"
 #include "PathString.h"
+#include "PXSymbolDetacherV2.h"
 #include "Zip.h"
+
+#include <set>
 
 namespace plexa {
 
@@ -117,26 +120,91 @@ void PXSketchUnzipper::updateProgress(uint64_t progress, uint64_t count) {
   });
 }
 
-void PXSketchUnzipper::cancel() { cancelled_ = true; }
 
 bool PXSketchUnzipper::detachesSymbols() const { return detachMethod && *detachMethod != "none"; }
 
-// The JSON detacher joins here; until then the run reports that it cannot
-// detach, from the main queue as that path always does.
+void PXSketchUnzipper::symbolDetacher(PXSymbolDetacher&, uint64_t progress, uint64_t count) {
+  if (auto d = delegate.lock()) d->sketchUnzipper(*this, progress, count);
+}
+
+std::shared_ptr<PXSymbolDetacher> PXSketchUnzipper::detacher() {
+  std::lock_guard lock(detacherMutex_);
+  if (!detacher_) {
+    detacher_ = PXSymbolDetacher::make();
+    detacher_->delegate = weak_from_this();
+  }
+  return detacher_;
+}
+
+void PXSketchUnzipper::cancel() {
+  cancelled_ = true;
+  std::shared_ptr<PXSymbolDetacher> plugin;
+  std::shared_ptr<PXSymbolDetacherV2> json;
+  {
+    std::lock_guard lock(detacherMutex_);
+    plugin = detacher_;
+    json = currentV2Detacher_;
+  }
+  if (json) json->cancel();
+  if (plugin) plugin->cancel();
+}
+
+// Unzip first, then rewrite the JSON in place and re-zip it beside the
+// folder; progress goes to the delegate in six steps.
 void PXSketchUnzipper::detachUsingV2(Completion completion) {
-  PXLogError("PXSketchUnzipper detach method {} is not available in this build", "json");
-  if (!completion) return;
-  PXMainQueue::shared().async([completion = std::move(completion), folder = outputFolderPath] {
-    completion(false, folder);
+  auto unzipped = unzip(sketchFilePath, outputFolderPath);
+  if (isCancelled()) return;
+  detachedSketchFilePath = PXAppendingPathComponent(outputFolderPath, PXLastPathComponent(sketchFilePath));
+  PXGlobalQueue()->async([self = shared_from_this(), completion = std::move(completion), unzipped = unzipped.success] {
+    auto v2 = PXSymbolDetacherV2::detacherWithUrl(self->outputFolderPath);
+    {
+      std::lock_guard lock(self->detacherMutex_);
+      self->currentV2Detacher_ = v2;
+    }
+    if (self->detachMethod == "selection") {
+      auto ids = self->detachingArtboardIds.value_or(std::vector<std::string>{});
+      v2->setDetachingArtboardIds(std::set<std::string>(ids.begin(), ids.end()));
+    }
+    bool result = false;
+    self->updateProgress(0, 5);
+    if (unzipped && v2->loadDocument()) {
+      self->updateProgress(1, 5);
+      v2->findSymbols();
+      if (self->isCancelled()) return;
+      self->updateProgress(2, 5);
+      v2->detachSymbols();
+      self->updateProgress(3, 5);
+      v2->savePages();
+      if (self->isCancelled()) return;
+      self->updateProgress(4, 5);
+      result = v2->saveToUrl(self->detachedSketchFilePath);
+      self->updateProgress(5, 5);
+      if (self->isCancelled()) return;
+    }
+    PXMainQueue::shared().async([self, completion, result] {
+      if (completion) completion(result, self->outputFolderPath);
+    });
   });
 }
 
-// The plug-in detacher joins here; it completes from a background queue.
+// Sketch detaches into a copy, which is then unzipped. The plug-in reports
+// no outcome, so a copy that cannot be unzipped is what tells failure.
 void PXSketchUnzipper::detachUsingPlugin(Completion completion) {
-  PXLogError("PXSketchUnzipper detach method {} is not available in this build", "plugin");
-  if (!completion) return;
-  PXGlobalQueue()->async([completion = std::move(completion), path = PXStandardizingPath(detachedSketchFilePath)] {
-    completion(false, path);
+  PXGlobalQueue()->async([self = shared_from_this(), completion = std::move(completion)] {
+    auto plugin = self->detacher();
+    std::string saveAs = PXStandardizingPath(self->detachedSketchFilePath);
+    plugin->sketchFilePath = self->sketchFilePath;
+    plugin->restoreAfterDetach = true;
+    plugin->detachMethod = self->detachMethod;
+    plugin->detachingArtboardIds = self->detachingArtboardIds.value_or(std::vector<std::string>{});
+    plugin->saveAsPath = saveAs;
+    plugin->sketchToolPath = self->sketchToolPath;
+    plugin->detachOnCompletion([self, completion, saveAs] {
+      PXGlobalQueue()->async([self, completion, saveAs] {
+        auto result = self->unzip(saveAs, self->outputFolderPath);
+        if (completion) completion(result.success, saveAs);
+      });
+    });
   });
 }
 

@@ -2,10 +2,13 @@
 // Turns the input .sketch file into an unzipped folder of JSON files for the
 // later stages, detaching symbols on the way when asked to.
 
+#include "PXSymbolDetacher.h"
+
 #include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -13,6 +16,8 @@
 namespace plexa {
 
 class PXSketchUnzipper;
+class PXSymbolDetacher;
+class PXSymbolDetacherV2;
 
 class PXSketchUnzipperDelegate {
  public:
@@ -28,7 +33,7 @@ struct PXSketchUnzipResult {
   std::string output;
 };
 
-class PXSketchUnzipper : public std::enable_shared_from_this<PXSketchUnzipper> {
+class PXSketchUnzipper : public PXSymbolDetacherDelegate, public std::enable_shared_from_this<PXSketchUnzipper> {
  public:
   using Completion = std::function<void(bool success, const std::string& path)>;
 
@@ -69,6 +74,12 @@ class PXSketchUnzipper : public std::enable_shared_from_this<PXSketchUnzipper> {
 
   // Forwards to the delegate on the main queue.
   void updateProgress(uint64_t progress, uint64_t count);
+  // The plug-in detacher's progress, passed on at once on the calling thread.
+  void symbolDetacher(PXSymbolDetacher& detacher, uint64_t progress, uint64_t count) override;
+
+  // The plug-in detacher, made on first use: it needs the session bus, which
+  // runs that never detach through Sketch should not have to reach.
+  std::shared_ptr<PXSymbolDetacher> detacher();
 
   void cancel();
   bool isCancelled() const { return cancelled_.load(); }
@@ -81,6 +92,9 @@ class PXSketchUnzipper : public std::enable_shared_from_this<PXSketchUnzipper> {
   void detachUsingPlugin(Completion completion);
 
   std::atomic<bool> cancelled_{false};
+  std::mutex detacherMutex_;
+  std::shared_ptr<PXSymbolDetacher> detacher_;
+  std::shared_ptr<PXSymbolDetacherV2> currentV2Detacher_;
 };
 
 }  // namespace plexa

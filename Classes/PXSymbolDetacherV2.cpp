@@ -170,6 +170,7 @@ void PXSymbolDetacherV2::detachSymbols(const Progress& progress) {
   isDirty = true;
   if (!symbols) findSymbols();
   copiedLayers_ = 0;
+  limitWarned_ = false;
   const std::size_t total = pages.size();
   report(progress, 0, total);
   for (std::size_t i = 0; i < pages.size(); ++i) {
@@ -181,16 +182,16 @@ void PXSymbolDetacherV2::detachSymbols(const Progress& progress) {
 }
 
 bool PXSymbolDetacherV2::mayDetachMore(const JsonObject& instance, const std::string& symbolID,
-                                       const std::vector<std::string>& detachedSymbols) const {
-  if (detachedSymbols.size() >= maxNestingDepth) {
-    PXLogWarn("Symbol nesting too deep, instance kept: {}[{}]", textOf(instance, "name"), symbolID);
-    return false;
-  }
-  if (copiedLayers_ >= maxCopiedLayers) {
-    PXLogWarn("Detached layer limit reached, instance kept: {}[{}]", textOf(instance, "name"), symbolID);
-    return false;
-  }
-  return true;
+                                       const std::vector<std::string>& detachedSymbols) {
+  const char* reason = nullptr;
+  if (detachedSymbols.size() >= maxNestingDepth) reason = "Symbol nesting too deep, instance kept";
+  else if (copiedLayers_ >= maxCopiedLayers) reason = "Detached layer limit reached, instance kept";
+  if (!reason) return true;
+  // A hostile document can hit a limit many times: warn once per run.
+  if (!limitWarned_) PXLogWarn("{}: {}[{}]", reason, textOf(instance, "name"), symbolID);
+  else PXLogVerbose("{}: {}[{}]", reason, textOf(instance, "name"), symbolID);
+  limitWarned_ = true;
+  return false;
 }
 
 void PXSymbolDetacherV2::detachSymbolsForNode(JsonObject& node, std::vector<std::string>& detachedSymbols) {
@@ -328,7 +329,9 @@ bool PXSymbolDetacherV2::saveToUrl(const std::string& sketchFilePath) {
 std::string PXSymbolDetacherV2::zipFolderAtPath(const std::string& folderPath, const std::string& destinationPath) {
   // An archive written into the folder it holds must not hold its own
   // previous version.
-  if (PXResolveInside(folderPath, destinationPath) && PXFileManager::fileExists(destinationPath))
+  bool isDirectory = false;
+  if (PXResolveInside(folderPath, destinationPath) && PXFileManager::fileExists(destinationPath, &isDirectory) &&
+      !isDirectory)
     PXFileManager::removeItem(destinationPath);
   std::string error;
   if (!PXZip::zipFolder(folderPath, destinationPath, &error)) return "zip error: " + error;

@@ -57,7 +57,7 @@ class PXSymbolDetacherV2 {
   // deeper than this, and detaching past this many copied layers in one
   // run, leave the remaining instances as they are (logged).
   std::size_t maxNestingDepth = 128;
-  std::size_t maxCopiedLayers = 5'000'000;
+  std::size_t maxCopiedLayers = 1'000'000;  // about 1.5 GB of layers
 
   // Artboards whose contents are detached; empty means all.
   void setDetachingArtboardIds(std::set<std::string> artboardIds);
@@ -130,12 +130,13 @@ class PXSymbolDetacherV2 {
   std::string newIdentifier();
   std::optional<std::string> pagePathForRef(std::string_view ref) const;
   bool mayDetachMore(const JsonObject& instance, const std::string& symbolID,
-                     const std::vector<std::string>& detachedSymbols) const;
+                     const std::vector<std::string>& detachedSymbols);
 
   std::set<std::string> detachingArtboardIds_;
   std::atomic<bool> cancelled_{false};
   std::unique_ptr<IdentifierSource> identifiers_;
   std::size_t copiedLayers_ = 0;
+  bool limitWarned_ = false;
 };
 
 }  // namespace plexa

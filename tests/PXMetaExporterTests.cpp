@@ -208,6 +208,17 @@ TEST(PXMetaExporterFiles, WritesTheMetaAndPathsFilesOfAScreen) {
   EXPECT_TRUE(run.exists("BADGE-MASTER-paths.json"));
 }
 
+TEST(PXMetaExporterFiles, AcceptsARelativeOutputFolder) {
+  ExportRun run(designDocument());
+  auto previous = std::filesystem::current_path();
+  std::filesystem::current_path(run.temp.path());
+  auto path = run.exporter->formattedMetaJSONFileForArtboardID("HOME", true, "relative/out");
+  std::filesystem::current_path(previous);
+  EXPECT_EQ(path, "relative/out/HOME.json");
+  EXPECT_TRUE(PXFileManager::fileExists(run.temp / "relative/out/HOME.json"));
+  EXPECT_TRUE(PXFileManager::fileExists(run.temp / "relative/out/HOME-paths.json"));
+}
+
 TEST(PXMetaExporterFiles, LeavesOutIgnoredAndMissingArtboards) {
   ExportRun run(designDocument());
   test::LogCapture logs;

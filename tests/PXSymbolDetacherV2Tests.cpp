@@ -216,9 +216,11 @@ TEST(PXSymbolDetacherV2Walk, NestedSymbolsDetachOncePerPathAndCyclesStop) {
   const JsonObject* innerB = findLayer(screens, "A-IN-B", "in_original_objectID");
   EXPECT_EQ(cls(innerB), "group");
   const JsonObject* cycleA = findLayer(screens, "B-IN-A", "in_original_objectID");
+  ASSERT_NE(cycleA, nullptr);
   EXPECT_EQ(cls(cycleA), "symbolInstance");
   EXPECT_EQ(cycleA->at("in_infinitNestedSymbol"), true);
   const JsonObject* self = findLayer(screens, "A-SELF", "in_original_objectID");
+  ASSERT_NE(self, nullptr);
   EXPECT_EQ(cls(self), "symbolInstance");
   EXPECT_EQ(self->at("in_infinitNestedSymbol"), true);
   EXPECT_TRUE(logs.contains("Infinit Nested symbol found: Instance B-IN-A[SYM-A]"));
@@ -326,6 +328,7 @@ TEST(PXSymbolDetacherV2Identifiers, CopiedLayersGetFreshIdsAndKeepTheirOriginals
   EXPECT_EQ(fresh.size(), 10u);
   EXPECT_EQ(originals, (std::multiset<std::string>{"R1", "R1", "G1", "G1", "R2", "R2", "N1", "N1", "T1", "T1"}));
   const JsonObject* nested = findLayer(screens, "N1", "in_original_objectID");
+  ASSERT_NE(nested, nullptr);
   EXPECT_EQ(cls(nested), "group");
   EXPECT_EQ(nested->at("in_detachedSymbolId"), "SYM-T");
   EXPECT_EQ(nested->at("in_detachedSymbol"), true);
@@ -339,20 +342,13 @@ TEST(PXSymbolDetacherV2Debugging, SearchesFindDetachedGroupsAndPaths) {
                                  layer("group", "G", "g", frame(0, 0, 1, 1),
                                        JsonArray{instance("I1", "SYM-S", frame(0, 0, 10, 10))})}));
   TempDir dir;
-  LogCapture logs;
   auto d = detached(fixture, dir);
-
   const JsonObject* hit = d->searchForDetachedSymbol("Instance I1");
   ASSERT_NE(hit, nullptr);
   EXPECT_EQ(hit->at("do_objectID"), "I1");
   EXPECT_EQ(d->searchForDetachedSymbol("Master MS"), nullptr);
-  EXPECT_EQ(d->searchForNodeWithQuery(JsonObject{{"do_objectID", "MS"}, {"_class", "symbolMaster"}}),
-            findLayer(pageJSON(*d, "P"), "MS"));
-
-  auto paths = d->printStackForNode(pageJSON(*d, "P"), "in_original_objectID", JsonValue("R1"));
-  EXPECT_EQ(paths, (std::vector<std::string>{"layers[1] -> layers[0] -> layers[0]"}));
-  EXPECT_TRUE(logs.contains("Path: layers[1] -> layers[0] -> layers[0]"));
-  EXPECT_EQ(d->printStackForNode(pageJSON(*d, "P"), "_class", JsonValue("rect")).size(), 6u);
+  EXPECT_EQ(d->printStackForNode(pageJSON(*d, "P"), "in_original_objectID", JsonValue("R1")),
+            (std::vector<std::string>{"layers[1] -> layers[0] -> layers[0]"}));
 }
 
 // ---- Cancellation
@@ -416,6 +412,10 @@ TEST(PXSymbolDetacherV2Save, WritesPagesAndZipsAnArchiveThatUnzipsAgain) {
   JsonValue again = readJson(dir / "again/pages/P.json");
   EXPECT_EQ(cls(findLayer(again, "I1")), "group");
   EXPECT_EQ(again, d->pages[0].json);
+
+  // A destination that is the folder itself fails without touching it.
+  EXPECT_NE(PXSymbolDetacherV2::zipFolderAtPath(folder, folder), "created " + folder);
+  EXPECT_TRUE(PXFileManager::fileExists(folder + "/pages/P.json"));
 
   LogCapture logs;
   PXFileManager::removeItem(folder);
@@ -503,4 +503,46 @@ TEST(PXSymbolDetacherV2Hostile, BrokenDocumentStillDetachesAndSaves) {
   EXPECT_EQ(centre->at("frame").at("x"), 0);
   EXPECT_TRUE(logs.contains("Could not update node with override"));
   EXPECT_TRUE(logs.contains("Not able to find symbol with id SYM-MISSING"));
+}
+
+TEST(PXSymbolDetacherV2Hostile, DeepChainsAndFanOutsStopAtTheLimits) {
+  // Level k holds ten instances of level k - 1: detaching level 6 in full
+  // would copy over a million layers.
+  JsonArray masters;
+  for (int level = 0; level <= 6; ++level) {
+    JsonArray children{layer("rectangle", "R" + std::to_string(level), "r", frame(0, 0, 1, 1))};
+    for (int i = 0; level > 0 && i < 10; ++i)
+      children.push_back(instance("L" + std::to_string(level) + "-" + std::to_string(i),
+                                  "SYM-" + std::to_string(level - 1), frame(0, 0, 1, 1)));
+    masters.push_back(master("M" + std::to_string(level), "SYM-" + std::to_string(level), frame(0, 0, 1, 1),
+                             std::move(children)));
+  }
+  SketchFixture fixture;
+  fixture.addPage(page("P", "Page", JsonArray{artboard("AB", "Board", frame(0, 0, 10, 10),
+                                                       JsonArray{instance("TOP", "SYM-6", frame(0, 0, 2, 2))})}));
+  fixture.addPage(page("SYMBOLS", "Symbols", std::move(masters)));
+  TempDir dir;
+  LogCapture logs;
+  auto d = PXSymbolDetacherV2::detacherWithUrl(fixture.writeFolder(dir / "doc"));
+  d->maxCopiedLayers = 5000;
+  d->maxNestingDepth = 3;
+  ASSERT_TRUE(d->loadDocument());
+  d->detachSymbols();
+
+  size_t layers = 0, keptTooDeep = 0;
+  forEachLayer(pageJSON(*d, "P"), [&](const JsonObject& l) {
+    ++layers;
+    if (cls(&l) == "symbolInstance") ++keptTooDeep;
+  });
+  // Three levels below TOP are detached (1 + 10 + 100 groups), the fourth stays.
+  EXPECT_EQ(cls(findLayer(pageJSON(*d, "P"), "TOP")), "group");
+  EXPECT_EQ(keptTooDeep, 1000u);
+  EXPECT_TRUE(logs.contains("Symbol nesting too deep, instance kept"));
+  EXPECT_LT(layers, 6000u);
+
+  d->maxNestingDepth = 128;
+  ASSERT_TRUE(d->loadDocument());
+  d->detachSymbols();
+  EXPECT_TRUE(logs.contains("Detached layer limit reached, instance kept"));
+  ASSERT_TRUE(d->saveToUrl(dir / "out.sketch"));
 }

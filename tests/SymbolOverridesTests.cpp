@@ -248,21 +248,26 @@ TEST(SymbolOverrideApply, NestedSwapsHidesAndNestedTexts) {
     if (p.url.ends_with("SCREENS.json")) screens = &p.json;
   ASSERT_NE(screens, nullptr);
 
-  auto nestedIn = [&](const std::string& outer) {
-    return findLayer(*findLayer(*screens, outer, "do_objectID"), "N", "in_original_objectID");
+  auto nestedIn = [&](const std::string& outer) -> const JsonObject& {
+    static const JsonObject none;
+    const JsonObject* group = findLayer(*screens, outer, "do_objectID");
+    const JsonObject* nested = group ? findLayer(*group, "N", "in_original_objectID") : nullptr;
+    EXPECT_NE(nested, nullptr) << outer;
+    return nested ? *nested : none;
   };
-  const JsonObject* swapped = nestedIn("I-SWAP");
-  ASSERT_NE(swapped, nullptr);
-  EXPECT_EQ(swapped->at("in_detachedSymbolId"), "SYM-B");
+  auto textIn = [&](const std::string& outer, const std::string& original) {
+    const JsonObject* t = findLayer(nestedIn(outer), original, "in_original_objectID");
+    return t ? textOf(*t) : std::string("<no layer>");
+  };
+  EXPECT_EQ(PXJsonText(nestedIn("I-SWAP").if_contains("in_detachedSymbolId")), "SYM-B");
   // The swap wins over the nested text stored beside it.
-  EXPECT_EQ(textOf(*findLayer(*swapped, "TB", "in_original_objectID")), "In B");
+  EXPECT_EQ(textIn("I-SWAP", "TB"), "In B");
+  EXPECT_EQ(textIn("I-TEXT", "TA"), "Hello");
+  EXPECT_EQ(textIn("I-LEGACY", "TA"), "From the old map");
 
-  EXPECT_EQ(textOf(*findLayer(*nestedIn("I-TEXT"), "TA", "in_original_objectID")), "Hello");
-  EXPECT_EQ(textOf(*findLayer(*nestedIn("I-LEGACY"), "TA", "in_original_objectID")), "From the old map");
-
-  const JsonObject* hidden = nestedIn("I-HIDE");
-  EXPECT_EQ(hidden->at("_class"), "symbolInstance");
-  EXPECT_EQ(hidden->at("isVisible"), false);
+  const JsonObject& hidden = nestedIn("I-HIDE");
+  EXPECT_EQ(PXJsonText(hidden.if_contains("_class")), "symbolInstance");
+  EXPECT_EQ(PXJsonBool(hidden.if_contains("isVisible")), false);
 }
 
 // ---- Text
@@ -375,30 +380,6 @@ TEST(SymbolImageOverride, ReplacesTheImageWhereverTheLayerKeepsIt) {
   d.overrideNode(elsewhere, replacement);
   EXPECT_EQ(elsewhere, elsewhereBefore);
   EXPECT_TRUE(logs.contains("Could not update node with override"));
-}
-
-TEST(SymbolOverrideApply, SymbolSwapsAndOverridesLeftForNestedInstances) {
-  PXSymbolDetacherV2 d("");
-  JsonObject nested = instance("N", "SYM-A", frame(0, 0, 1, 1));
-  d.overrideNode(nested, JsonObject{{"symbolID", "SYM-B"}, {"X", "dropped"}});
-  EXPECT_EQ(nested.at("symbolID"), "SYM-B");
-  EXPECT_FALSE(nested.contains("overrides"));
-  EXPECT_EQ(nested.at("isVisible"), true);
-
-  d.overrideNode(nested, JsonObject{{"T1", "one"}});
-  d.overrideNode(nested, JsonObject{{"T2", "two"}, {"T1", "uno"}});
-  EXPECT_EQ(nested.at("overrides"), (JsonObject{{"T1", "uno"}, {"T2", "two"}}));
-
-  EXPECT_TRUE(d.overrideSymbolIdNode(nested, ""));
-  EXPECT_EQ(nested.at("isVisible"), false);
-
-  // A map for a layer that is no instance has nowhere to go.
-  LogCapture logs;
-  JsonObject group = layer("group", "G", "g", frame(0, 0, 1, 1));
-  d.overrideNode(group, JsonObject{{"T1", "one"}});
-  d.overrideNode(group, JsonValue(3.5));
-  EXPECT_FALSE(group.contains("overrides"));
-  EXPECT_EQ(logs.count("Could not update node with override"), 2u);
 }
 
 TEST(SymbolOverrideNumbers, FixNanAndParagraphAlignment) {
