@@ -120,7 +120,7 @@ void PXSymbolDetacherV2::updateNode(JsonObject& node, const JsonObject& override
     for (auto& child : it->value().get_array())
       if (child.is_object()) updateNode(child.get_object(), overrides, node, ownWidthRatio, ownHeightRatio);
 
-  // After the children: an override may replace what they were sized by.
+  // Last, so that refitted text starts from the stretched frame.
   if (auto id = PXJsonText(member(node, "do_objectID")))
     if (auto it = overrides.find(*id); it != overrides.end()) overrideNode(node, it->value());
 }
@@ -147,9 +147,13 @@ double PXSymbolDetacherV2::stretchNode(JsonObject& node, const JsonObject& paren
   } else {
     // The room the flexible parts share, after and before the resize.
     double room = newParentSize, oldRoom = oldParentSize;
-    if (!startStretches) room -= position, oldRoom -= position;
-    if (!sizeStretches) room -= size, oldRoom -= size;
-    if (!endStretches) room -= endMargin, oldRoom -= endMargin;
+    auto keep = [&](double fixedPart) {
+      room -= fixedPart;
+      oldRoom -= fixedPart;
+    };
+    if (!startStretches) keep(position);
+    if (!sizeStretches) keep(size);
+    if (!endStretches) keep(endMargin);
     if (oldRoom > 0) {
       const double k = room / oldRoom;
       if (startStretches) newPosition = position * k;

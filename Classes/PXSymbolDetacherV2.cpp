@@ -116,8 +116,12 @@ bool PXSymbolDetacherV2::loadDocument(const Progress& progress) {
     if (!path) continue;
     auto pageText = PXFileManager::readFile(*path);
     if (!pageText) continue;
-    auto parsed = PXJsonParse(*pageText);
-    if (!parsed || !parsed->is_object()) continue;
+    std::string error;
+    auto parsed = PXJsonParse(*pageText, &error);
+    if (!parsed || !parsed->is_object()) {
+      PXLogVerbose("Page skipped, not a JSON object: {} {}", *path, error);
+      continue;
+    }
     auto same = std::find_if(loaded.begin(), loaded.end(), [&](const Page& p) { return p.url == *path; });
     if (same != loaded.end())
       same->json = std::move(*parsed);

@@ -199,6 +199,8 @@ std::string makeTemporaryDirectory(const std::string& prefix) {
 }  // namespace PXFileManager
 
 std::optional<std::string> PXResolveInside(const std::string& root, const std::string& candidate) {
+  // The C path would end at a NUL and name something else than was checked.
+  if (candidate.find('\0') != std::string::npos || root.find('\0') != std::string::npos) return std::nullopt;
   std::error_code ec;
   fs::path base = fs::absolute(root, ec).lexically_normal();
   if (ec) return std::nullopt;

@@ -4,6 +4,7 @@
 
 #include <plist/plist.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <limits>
@@ -397,6 +398,9 @@ PXAttributedString Unarchiver::attributedString(plist_t root) const {
 // sizes and offsets in range, no reference cycle, little nesting.
 constexpr size_t kMaxPlistObjects = 200000;
 constexpr size_t kMaxPlistDepth = 16;
+// The reader copies an object for every reference to it, so a few shared
+// lists can expand to billions of nodes; the expanded size is bounded too.
+constexpr uint64_t kMaxExpandedObjects = 1000000;
 
 uint64_t readBigEndian(std::string_view bytes, size_t at, size_t size) {
   uint64_t value = 0;
@@ -446,8 +450,10 @@ void checkPlistStructure(std::string_view bytes) {
     if (offsets[i] < 8 || offsets[i] >= tableOffset) throw DecodeError{"malformed property list"};
   }
   // Depth-first walk with an explicit stack: 0 unvisited, 1 on the path,
-  // 2 done. A reference back onto the path is a cycle.
+  // 2 done. A reference back onto the path is a cycle. Finished objects
+  // know their expanded size (themselves plus their children's, saturated).
   std::vector<uint8_t> state(count, 0);
+  std::vector<uint64_t> expanded(count, 1);
   struct Frame {
     uint64_t object;
     std::vector<uint64_t> references;
@@ -459,6 +465,9 @@ void checkPlistStructure(std::string_view bytes) {
   while (!path.empty()) {
     Frame& frame = path.back();
     if (frame.next == frame.references.size()) {
+      uint64_t size = 1;
+      for (uint64_t child : frame.references) size = std::min(size + expanded[child], kMaxExpandedObjects + 1);
+      expanded[frame.object] = size;
       state[frame.object] = 2;
       path.pop_back();
       continue;
@@ -471,6 +480,7 @@ void checkPlistStructure(std::string_view bytes) {
     state[child] = 1;
     path.push_back({child, containerReferences(bytes, offsets[child], tableOffset, refSize)});
   }
+  if (expanded[top] > kMaxExpandedObjects) throw DecodeError{"property list expands too far"};
 }
 
 struct ParsedArchive {

@@ -92,6 +92,13 @@ class FaceIndex {
 
   const Face* systemFace() const { return systemFace_ ? &*systemFace_ : nullptr; }
 
+  ~FaceIndex() {
+    for (const auto& face : faces_) FcPatternDestroy(face.pattern);
+    if (systemFace_) FcPatternDestroy(systemFace_->pattern);
+  }
+  FaceIndex(const FaceIndex&) = delete;
+  FaceIndex& operator=(const FaceIndex&) = delete;
+
  private:
   FaceIndex() {
     if (!FcInit()) {

@@ -27,7 +27,10 @@ fi
 build="${1:-build}"; shift || true
 export CCACHE_DIR="${CCACHE_DIR:-$HOME/.cache/ccache}"
 export CCACHE_SLOPPINESS="${CCACHE_SLOPPINESS:-pch_defines,time_macros,include_file_mtime,include_file_ctime}"
-if [ ! -f "$build/build.ninja" ]; then
-  cmake -S . -B "$build" -G Ninja "$@" >/dev/null
-fi
-cmake --build "$build"
+mkdir -p "$build"
+# The lock lets this share a build folder with scripts/dev-build.sh.
+flock "$build/.dev-build.lock" bash -c '
+  build="$1"; shift
+  [ -f "$build/build.ninja" ] || cmake -S . -B "$build" -G Ninja "$@" >/dev/null
+  cmake --build "$build"
+' _ "$build" "$@"

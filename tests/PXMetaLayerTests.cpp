@@ -202,10 +202,15 @@ TEST(PXMetaLayerLines, ComputesEndsFromTheStroke) {
   for (const char* key : {"fillColor", "gradients", "innerShadows", "borderRadius"})
     EXPECT_FALSE(horizontal.contains(key)) << key;
 
-  // Drawn right to left while not flipped: the ends swap.
-  const JsonObject& reversed = only(convert({lineShape("L", frame(10, 20, 100, 1), "{1, 0.5}", "{0, 0.5}", 1)}));
-  EXPECT_EQ(number(reversed, "x"), 110);
-  EXPECT_EQ(number(reversed, "x2"), 10);
+  // The ends swap when the drawing direction and the flip disagree.
+  JsonObject reversed = lineShape("L", frame(10, 20, 100, 1), "{1, 0.5}", "{0, 0.5}", 1);
+  EXPECT_EQ(number(only(convert({reversed})), "x"), 110);
+  EXPECT_EQ(number(only(convert({reversed})), "x2"), 10);
+  reversed["isFlippedHorizontal"] = true;
+  EXPECT_EQ(number(only(convert({reversed})), "x"), 10);
+  JsonObject flipped = lineShape("L", frame(10, 20, 100, 1), "{0, 0.5}", "{1, 0.5}", 1);
+  flipped["isFlippedHorizontal"] = true;
+  EXPECT_EQ(number(only(convert({flipped})), "x2"), 10);
 
   // Vertical, drawn upwards, 2 thick: the stroke is the width.
   const JsonObject& vertical = only(convert({lineShape("V", frame(5, 0, 2, 50), "{0.5, 1}", "{0.5, 0}", 2)}));
@@ -420,20 +425,6 @@ TEST(PXMetaLayerBadInput, ConvertsWhatItCanAndDropsTheRest) {
   ASSERT_TRUE(byID.count("G"));
   EXPECT_EQ(logs.count("PXMetaLayerFromJSON exception: layer is not a dictionary"), 2u);
   EXPECT_TRUE(logs.contains("PXMetaLayerFromJSON exception: layers are nested too deeply"));
-}
-
-TEST(PXMetaLayerHelpers, ReadAnimaInformationAndFrames) {
-  JsonObject l = layer("group", "G", "g", frame(1.5, 2, 30, 40));
-  EXPECT_EQ(PXMetaAnimaInfoFromLayerJSON(l), nullptr);
-  l["userInfo"] = "text";
-  EXPECT_EQ(PXMetaAnimaInfoFromLayerJSON(l), nullptr);
-  l["userInfo"] = parse(R"({"com.animaapp.stc-sketch-plugin": {"kModelPropertiesKey": {}}, "other": {}})");
-  ASSERT_NE(PXMetaAnimaInfoFromLayerJSON(l), nullptr);
-  EXPECT_TRUE(PXMetaAnimaInfoFromLayerJSON(l)->contains("kModelPropertiesKey"));
-  EXPECT_EQ(CGRectFromLayer(l), (MPSRect{{1.5, 2}, {30, 40}}));
-  EXPECT_EQ(CGBoundsFromLayer(l), (MPSRect{{0, 0}, {30, 40}}));
-  l.erase("frame");
-  EXPECT_EQ(CGRectFromLayer(l), MPSRect{});
 }
 
 }  // namespace
