@@ -181,6 +181,13 @@ void PXSketchUnzipper::detachUsingV2(Completion completion) {
       self->updateProgress(5, 5);
       if (self->isCancelled()) return;
     }
+    // The detacher holds every page in memory; the later stages read the
+    // saved files, so let it go before they start.
+    {
+      std::lock_guard lock(self->detacherMutex_);
+      self->currentV2Detacher_.reset();
+    }
+    v2.reset();
     PXMainQueue::shared().async([self, completion, result] {
       if (completion) completion(result, self->outputFolderPath);
     });

@@ -1,11 +1,15 @@
 #include "Json.h"
 
+#include <boost/json/monotonic_resource.hpp>
 #include <boost/json/parse.hpp>
+#include <boost/json/stream_parser.hpp>
 
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <limits>
 #include <stdexcept>
 #include <vector>
@@ -94,27 +98,35 @@ class Writer {
 
   void appendString(std::string_view s) {
     out_ += '"';
-    for (unsigned char c : s) {
-      switch (c) {
-        case '"': out_ += "\\\""; break;
-        case '\\': out_ += "\\\\"; break;
-        case '\n': out_ += "\\n"; break;
-        case '\r': out_ += "\\r"; break;
-        case '\t': out_ += "\\t"; break;
-        case '\b': out_ += "\\b"; break;
-        case '\f': out_ += "\\f"; break;
-        default:
-          if (c < 0x20) {
-            static const char* hex = "0123456789abcdef";
-            out_ += "\\u00";
-            out_ += hex[c >> 4];
-            out_ += hex[c & 0xF];
-          } else {
-            out_ += static_cast<char>(c);
-          }
+    size_t plainStart = 0;
+    for (size_t i = 0; i < s.size(); ++i) {
+      auto c = static_cast<unsigned char>(s[i]);
+      if (c >= 0x20 && c != '"' && c != '\\') continue;
+      // Plain runs go in with one append; only escapes are built by hand.
+      out_.append(s.data() + plainStart, i - plainStart);
+      plainStart = i + 1;
+      appendEscape(c);
+    }
+    out_.append(s.data() + plainStart, s.size() - plainStart);
+    out_ += '"';
+  }
+
+  void appendEscape(unsigned char c) {
+    switch (c) {
+      case '"': out_ += "\\\""; break;
+      case '\\': out_ += "\\\\"; break;
+      case '\n': out_ += "\\n"; break;
+      case '\r': out_ += "\\r"; break;
+      case '\t': out_ += "\\t"; break;
+      case '\b': out_ += "\\b"; break;
+      case '\f': out_ += "\\f"; break;
+      default: {
+        static const char* hex = "0123456789abcdef";
+        out_ += "\\u00";
+        out_ += hex[c >> 4];
+        out_ += hex[c & 0xF];
       }
     }
-    out_ += '"';
   }
 
   bool pretty_;
@@ -196,6 +208,44 @@ std::optional<JsonValue> PXJsonParse(std::string_view text, std::string* error) 
     return std::nullopt;
   }
   return v;
+}
+
+std::optional<JsonValue> PXJsonParseIntoArena(std::string_view text, std::string* error) {
+  boost::system::error_code ec;
+  JsonValue v = boost::json::parse(text, ec, boost::json::make_shared_resource<boost::json::monotonic_resource>());
+  if (ec) {
+    if (error) *error = ec.message();
+    return std::nullopt;
+  }
+  return v;
+}
+
+std::optional<JsonValue> PXJsonParseFileIntoArena(const std::string& path, std::string* error, bool* missing) {
+  if (missing) *missing = false;
+  std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rb"), &std::fclose);
+  if (!file) {
+    if (missing) *missing = true;
+    if (error) *error = "cannot open " + path;
+    return std::nullopt;
+  }
+  boost::json::stream_parser parser(boost::json::make_shared_resource<boost::json::monotonic_resource>());
+  std::vector<char> chunk(1 << 20);
+  boost::system::error_code ec;
+  while (!ec) {
+    size_t n = std::fread(chunk.data(), 1, chunk.size(), file.get());
+    if (n == 0) break;
+    parser.write(chunk.data(), n, ec);
+  }
+  if (!ec && std::ferror(file.get())) {
+    if (error) *error = "read error in " + path;
+    return std::nullopt;
+  }
+  if (!ec) parser.finish(ec);
+  if (ec) {
+    if (error) *error = ec.message();
+    return std::nullopt;
+  }
+  return parser.release();
 }
 
 const JsonValue* PXJsonFind(const JsonValue* object, std::string_view key) {
@@ -303,28 +353,40 @@ std::optional<std::string_view> PXJsonTextFor(const JsonValue* object, std::stri
 
 std::optional<JsonValue> PXValueForKeyPath(const JsonValue& root, std::string_view keyPath) {
   auto parts = splitKeyPath(keyPath);
-  std::optional<JsonValue> current = root;
-  for (size_t i = 0; i < parts.size() && current; ++i) {
+  // Plain object steps only need a pointer; a value is built (and owned)
+  // once an array is mapped or an operator computes something.
+  const JsonValue* cursor = &root;
+  std::optional<JsonValue> owned;
+  for (size_t i = 0; i < parts.size(); ++i) {
     std::string_view key = parts[i];
+    const JsonValue& current = owned ? *owned : *cursor;
     if (key == "@count") {
-      const auto* a = current->if_array();
+      const auto* a = current.if_array();
       if (!a) return std::nullopt;
-      current = JsonValue(static_cast<int64_t>(a->size()));
+      owned = JsonValue(static_cast<int64_t>(a->size()));
     } else if (key == "@firstObject") {
-      const auto* a = current->if_array();
+      const auto* a = current.if_array();
       if (!a || a->empty()) return std::nullopt;
-      current = JsonValue((*a)[0]);
+      owned = JsonValue((*a)[0]);
     } else if (key == "@max") {
       // "@max.<key>": collect <key> over the elements, then take the largest.
       if (i + 1 >= parts.size()) return std::nullopt;
-      auto mapped = valueForKey(*current, parts[++i]);
+      auto mapped = valueForKey(current, parts[++i]);
       if (!mapped || !mapped->is_array()) return std::nullopt;
-      current = maxOf(mapped->get_array());
+      auto best = maxOf(mapped->get_array());
+      if (!best) return std::nullopt;
+      owned = std::move(best);
+    } else if (!owned && current.is_object()) {
+      cursor = PXJsonFind(&current, key);
+      if (!cursor) return std::nullopt;
     } else {
-      current = valueForKey(*current, key);
+      auto next = valueForKey(current, key);
+      if (!next) return std::nullopt;
+      owned = std::move(next);
     }
   }
-  return current;
+  if (owned) return owned;
+  return *cursor;
 }
 
 }  // namespace plexa
