@@ -4,6 +4,7 @@
 #include "Log.h"
 #include "PXMetaStyle.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <limits>
@@ -116,18 +117,27 @@ void applyParagraphStyle(TypefaceState& state, const PXParagraphStyle& style) {
   state.paragraphSpacing = std::isfinite(spacing) ? spacing : 0;
 }
 
+// Archived components are unchecked text: keep them where narrowing to
+// single precision is defined.
+double floatRange(double value) {
+  constexpr double limit = std::numeric_limits<float>::max();
+  return std::isfinite(value) ? std::clamp(value, -limit, limit) : 0;
+}
+
 JsonArray fontColorFromForeground(const PXColor& color) {
   auto components = color.rgbComponents();
   if (!components) components = color.convertedToRGB().rgbComponents();
   const PXRGBComponents rgb = components.value_or(PXRGBComponents{});
-  const auto channel = [](double value) { return static_cast<double>(std::roundf(static_cast<float>(value * 255.0))); };
+  const auto channel = [](double value) {
+    return static_cast<double>(std::roundf(static_cast<float>(floatRange(value * 255.0))));
+  };
   return JsonArray{channel(rgb.red), channel(rgb.green), channel(rgb.blue), std::isfinite(color.alpha) ? color.alpha : 1.0};
 }
 
 // Missing channels read as 0; a missing alpha as opaque.
 JsonArray fontColorFromDictionary(const PXColorDictionary& color) {
-  return JsonArray{PXMetaColorComponent(color.red.value_or(0)), PXMetaColorComponent(color.green.value_or(0)),
-                   PXMetaColorComponent(color.blue.value_or(0)), color.alpha.value_or(1.0)};
+  const auto channel = [](const std::optional<double>& value) { return PXMetaColorComponent(floatRange(value.value_or(0))); };
+  return JsonArray{channel(color.red), channel(color.green), channel(color.blue), color.alpha.value_or(1.0)};
 }
 
 void applyRun(TypefaceState& state, const PXTextAttributes& attributes) {

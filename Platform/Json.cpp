@@ -187,6 +187,14 @@ std::optional<JsonValue> maxOf(const JsonArray& a) {
   return *bestValue;
 }
 
+// Detached symbols nest pages deeper than Boost's default of 32 allows; the
+// limit still bounds what hostile input can make our recursive walkers do.
+boost::json::parse_options parseOptions() {
+  boost::json::parse_options options;
+  options.max_depth = 1024;
+  return options;
+}
+
 }  // namespace
 
 std::optional<std::string> PXJsonSerialize(const JsonValue& value, bool pretty, std::string* error) {
@@ -202,7 +210,7 @@ std::optional<std::string> PXJsonSerialize(const JsonValue& value, bool pretty, 
 
 std::optional<JsonValue> PXJsonParse(std::string_view text, std::string* error) {
   boost::system::error_code ec;
-  JsonValue v = boost::json::parse(text, ec);
+  JsonValue v = boost::json::parse(text, ec, {}, parseOptions());
   if (ec) {
     if (error) *error = ec.message();
     return std::nullopt;
@@ -212,7 +220,8 @@ std::optional<JsonValue> PXJsonParse(std::string_view text, std::string* error) 
 
 std::optional<JsonValue> PXJsonParseIntoArena(std::string_view text, std::string* error) {
   boost::system::error_code ec;
-  JsonValue v = boost::json::parse(text, ec, boost::json::make_shared_resource<boost::json::monotonic_resource>());
+  JsonValue v = boost::json::parse(text, ec, boost::json::make_shared_resource<boost::json::monotonic_resource>(),
+                                   parseOptions());
   if (ec) {
     if (error) *error = ec.message();
     return std::nullopt;
@@ -228,7 +237,8 @@ std::optional<JsonValue> PXJsonParseFileIntoArena(const std::string& path, std::
     if (error) *error = "cannot open " + path;
     return std::nullopt;
   }
-  boost::json::stream_parser parser(boost::json::make_shared_resource<boost::json::monotonic_resource>());
+  boost::json::stream_parser parser(boost::json::make_shared_resource<boost::json::monotonic_resource>(),
+                                   parseOptions());
   std::vector<char> chunk(1 << 20);
   boost::system::error_code ec;
   while (!ec) {

@@ -380,7 +380,9 @@ std::optional<double> PXDefaultLineHeightForFont(const PXFont& font) {
   if (font.file.empty() || !std::isfinite(font.size)) return std::nullopt;
   auto metrics = MetricsCache::shared().metrics(font.file, font.faceIndex);
   if (!metrics) return std::nullopt;
-  return lineHeightFromMetrics(*metrics, font.size);
+  const double height = lineHeightFromMetrics(*metrics, font.size);
+  if (!std::isfinite(height)) return std::nullopt;
+  return height;
 }
 
 std::optional<PXUsedRect> PXMeasureAttributedString(const PXAttributedString& text,

@@ -63,3 +63,12 @@ TEST(JsonKeyPaths, MapsOverArraysAndAppliesOperators) {
   EXPECT_FALSE(PXValueForKeyPath(v, "style.missing.key"));
   EXPECT_FALSE(PXValueForKeyPath(v, "style.fills.@max.x"));
 }
+
+TEST(JsonParser, AcceptsDeepDocumentsButBoundsHostileNesting) {
+  auto nested = [](int depth) { return std::string(depth, '[') + std::string(depth, ']'); };
+  EXPECT_TRUE(PXJsonParse(nested(200)));
+  EXPECT_TRUE(PXJsonParseIntoArena(nested(200)));
+  std::string error;
+  EXPECT_FALSE(PXJsonParse(nested(100000), &error));
+  EXPECT_FALSE(error.empty());
+}

@@ -93,9 +93,10 @@ std::string attributedArchive(const std::string& text, const std::function<void(
   return raw.finish(raw.add(root));
 }
 
-// A binary property list of `depth` arrays nested in each other, the last
-// one referring back to `lastRefersTo` (or empty when that is depth).
-std::string nestedArrays(uint32_t depth, uint32_t lastRefersTo) {
+// A binary property list of `depth` arrays, each holding `width` references
+// to the next; the last one refers back to `lastRefersTo` (or is empty when
+// that is `depth`).
+std::string nestedArrays(uint32_t depth, uint32_t lastRefersTo, uint32_t width = 1) {
   std::string out = "bplist00";
   std::vector<uint32_t> offsets;
   const auto put32 = [&](uint64_t v) {
@@ -106,10 +107,11 @@ std::string nestedArrays(uint32_t depth, uint32_t lastRefersTo) {
     const bool last = i + 1 == depth;
     if (last && lastRefersTo >= depth) {
       out.push_back('\xA0');
-    } else {
-      out.push_back('\xA1');
-      put32(last ? lastRefersTo : i + 1);
+      continue;
     }
+    out += "\xAF\x12";  // array, count in the following 4-byte integer
+    put32(width);
+    for (uint32_t k = 0; k < width; ++k) put32(last ? lastRefersTo : i + 1);
   }
   const uint64_t table = out.size();
   for (uint32_t offset : offsets) put32(offset);
@@ -302,45 +304,45 @@ TEST(KeyedArchiveRoundTrip, MultiRunStringKeepsEveryAttribute) {
   EXPECT_EQ(PXUnarchiveAttributedStringFromBase64(*base64), decoded);
 }
 
-TEST(KeyedArchiveRoundTrip, WritesTheFormSketchReads) {
-  PXAttributedString single("One run", fontAttributes("Roboto-Regular", 14));
-  const auto archive = PXArchiveAttributedString(single);
-  ASSERT_TRUE(archive.has_value());
+// The archive as XML text, to check the keys and classes a keyed
+// unarchiver looks for.
+std::string archiveXML(const std::string& archive) {
   plist_t parsed = nullptr;
-  plist_from_bin(archive->data(), static_cast<uint32_t>(archive->size()), &parsed);
-  ASSERT_NE(parsed, nullptr);
-  char* archiver = nullptr;
-  plist_get_string_val(plist_dict_get_item(parsed, "$archiver"), &archiver);
-  ASSERT_NE(archiver, nullptr);
-  EXPECT_STREQ(archiver, "NSKeyedArchiver");
-  free(archiver);
-  plist_t objects = plist_dict_get_item(parsed, "$objects");
-  uint64_t rootUID = 0;
-  plist_get_uid_val(plist_dict_get_item(plist_dict_get_item(parsed, "$top"), "root"), &rootUID);
-  plist_t root = plist_array_get_item(objects, static_cast<uint32_t>(rootUID));
-  ASSERT_EQ(plist_get_node_type(root), PLIST_DICT);
-  // One run: the attributes are a dictionary and there is no run table.
-  EXPECT_NE(plist_dict_get_item(root, "NSAttributes"), nullptr);
-  EXPECT_EQ(plist_dict_get_item(root, "NSAttributeInfo"), nullptr);
-  uint64_t classUID = 0;
-  plist_get_uid_val(plist_dict_get_item(root, "$class"), &classUID);
-  char* className = nullptr;
-  plist_get_string_val(plist_dict_get_item(plist_array_get_item(objects, uint32_t(classUID)), "$classname"),
-                       &className);
-  ASSERT_NE(className, nullptr);
-  EXPECT_STREQ(className, "NSMutableAttributedString");
-  free(className);
+  plist_from_bin(archive.data(), static_cast<uint32_t>(archive.size()), &parsed);
+  char* xml = nullptr;
+  uint32_t length = 0;
+  if (parsed) plist_to_xml(parsed, &xml, &length);
+  std::string text = xml ? std::string(xml, length) : "";
+  if (xml) plist_to_xml_free(xml);
   plist_free(parsed);
+  return text;
+}
 
-  const auto object = PXKeyedUnarchiveRootObject(*archive);
-  ASSERT_TRUE(object.has_value());
-  EXPECT_EQ(object->className, "NSMutableAttributedString");
+TEST(KeyedArchiveRoundTrip, WritesTheFormSketchReads) {
+  PXTextAttributes attributes = fontAttributes("Roboto-Regular", 14);
+  attributes.foregroundColor = PXColor::rgb(0, 0.5, 1);
+  attributes.foregroundColor->colorSpaceID = PXColorSpaceIDSRGB;
+  const std::string single = archiveXML(PXArchiveAttributedString(PXAttributedString("One run", attributes)).value());
+  for (const char* expected : {"<string>NSKeyedArchiver</string>", "<string>$null</string>", "<key>$top</key>",
+                               "<string>NSMutableAttributedString</string>", "<key>NSFontDescriptorAttributes</key>",
+                               "<string>NSFontNameAttribute</string>", "<string>MSAttributedStringFontAttribute</string>",
+                               "<key>NSCustomColorSpace</key>", "<key>NSComponents</key>", "<key>NSRGB</key>"}) {
+    EXPECT_NE(single.find(expected), std::string::npos) << expected;
+  }
+  // One run: the attributes are a dictionary and there is no run table.
+  EXPECT_EQ(single.find("NSAttributeInfo"), std::string::npos);
+  PXAttributedString two("Two runs", attributes);
+  two.addAttributes(fontAttributes("Roboto-Bold", 14), {4, 4});
+  EXPECT_NE(archiveXML(PXArchiveAttributedString(two).value()).find("<key>NSAttributeInfo</key>"), std::string::npos);
 
   // An empty text archives and reads back as an empty string with no runs.
   const auto empty = PXUnarchiveAttributedString(PXArchiveAttributedString(PXAttributedString("")).value());
   ASSERT_TRUE(empty.has_value());
   EXPECT_EQ(empty->string(), "");
   EXPECT_TRUE(empty->runs().empty());
+  // A NUL would cut the text short in the property list: it is replaced.
+  const auto nul = PXUnarchiveAttributedString(PXArchiveAttributedString(PXAttributedString(std::string("a\0b", 3))).value());
+  EXPECT_EQ(nul->string(), "a\xEF\xBF\xBD" "b");
 }
 
 TEST(KeyedArchiveRoundTrip, PlainStringRoots) {
@@ -401,6 +403,9 @@ TEST(KeyedArchiveHostile, DeepOrCyclicPropertyListsAreRefusedQuickly) {
   EXPECT_TRUE(logs.contains("malformed property list"));
   // A reference past the object table.
   EXPECT_FALSE(PXUnarchiveAttributedString(nestedArrays(3, 7)).has_value());
+  // 12 kB of shared lists that a copying reader would expand to 10^9 nodes.
+  EXPECT_FALSE(PXUnarchiveAttributedString(nestedArrays(4, 4, 1000)).has_value());
+  EXPECT_TRUE(logs.contains("expands too far"));
 }
 
 TEST(KeyedArchiveHostile, BadReferencesAndRunTables) {
@@ -615,19 +620,17 @@ TEST(KeyedArchiveCorpus, ArchivedKitMatchesItsAttributeListTwin) {
 
     const auto colour = PXValueForKeyPath(last, "attributes.MSAttributedStringColorAttribute");
     ASSERT_TRUE(colour.has_value()) << id;
-    std::array<double, 4> channels{};
-    if (mine.colorDictionary) {
-      channels = {mine.colorDictionary->red.value(), mine.colorDictionary->green.value(),
-                  mine.colorDictionary->blue.value(), mine.colorDictionary->alpha.value()};
-    } else {
-      ASSERT_TRUE(mine.foregroundColor.has_value()) << id;
-      const auto rgb = mine.foregroundColor->convertedToRGB();
-      channels = {rgb.components[0], rgb.components[1], rgb.components[2], rgb.alpha};
-    }
+    const auto& d = mine.colorDictionary;
+    const PXColor rgb = d ? PXColor::rgb(d->red.value(), d->green.value(), d->blue.value(), d->alpha.value())
+                          : mine.foregroundColor.value().convertedToRGB();
+    const std::array<double, 4> channels = {rgb.components[0], rgb.components[1], rgb.components[2], rgb.alpha};
     const std::array<const char*, 4> keys = {"red", "green", "blue", "alpha"};
-    bool same = true;
-    for (size_t i = 0; i < 4; ++i) same = same && std::fabs(channels[i] - PXJsonDoubleFor(&*colour, keys[i]).value()) < 1e-6;
-    if (!same) ++colourDifferences;
+    for (size_t i = 0; i < 4; ++i) {
+      if (std::fabs(channels[i] - PXJsonDoubleFor(&*colour, keys[i]).value()) > 1e-6) {
+        ++colourDifferences;
+        break;
+      }
+    }
   }
   EXPECT_GT(compared, 1200u);
   EXPECT_LE(renamedFaces, 70u);

@@ -2,6 +2,7 @@
 
 #include "Files.h"
 #include "MainQueue.h"
+#include "SessionBus.h"
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -62,37 +63,13 @@ class Child {
   bool exited_ = false;
 };
 
-// A private session bus for this test program, so nothing reaches the user's.
-class SessionBus : public ::testing::Environment {
+// A private session bus and copies of the test doubles for the whole program.
+class SessionBus : public PrivateSessionEnvironment {
  public:
-  void SetUp() override {
-    // setpriv: the bus ends with this program, even when a test crashes it.
-    daemon_ = popen("exec setpriv --pdeathsig TERM dbus-daemon --session --nofork --print-address=1 --print-pid=1"
-                    " 2>/dev/null",
-                    "r");
-    ASSERT_NE(nullptr, daemon_);
-    char address[512] = {}, pid[32] = {};
-    ASSERT_TRUE(fgets(address, sizeof address, daemon_) && fgets(pid, sizeof pid, daemon_));
-    address[strcspn(address, "\n")] = 0;
-    pid_ = std::atoi(pid);
-    setenv("DBUS_SESSION_BUS_ADDRESS", address, 1);
-    // A private copy, so a rebuild of the shared one mid-run cannot get in the way.
-    tools_ = PXFileManager::makeTemporaryDirectory("plexa-tools");
-    ASSERT_TRUE(PXFileManager::copyItem(std::string(PLEXA_TEST_BINARY_DIR) + "/fake-anima", fakeAnima()));
-  }
-  void TearDown() override {
-    if (pid_ > 0) kill(pid_, SIGTERM);
-    if (daemon_) pclose(daemon_);
-    PXFileManager::removeItem(tools_);
-  }
-  static std::string fakeAnima() { return tools_ + "/fake-anima"; }
-
- private:
-  FILE* daemon_ = nullptr;
-  pid_t pid_ = 0;
-  static inline std::string tools_;
+  SessionBus() : PrivateSessionEnvironment({"fake-anima"}, false) {}
+  static std::string fakeAnima() { return testDouble("fake-anima"); }
 };
-[[maybe_unused]] auto* const gBus = ::testing::AddGlobalTestEnvironment(new SessionBus);
+[[maybe_unused]] auto* const gEnvironment = ::testing::AddGlobalTestEnvironment(new SessionBus);
 
 // Emits a signal from another process with dbus-send, in our wire format.
 int sendFromOtherProcess(const std::vector<std::string>& arguments) {

@@ -68,14 +68,6 @@ TEST(PXMetaTextAttributeList, LastRunWinsForFontAndSize) {
   EXPECT_EQ(text(record, "weight"), "Bold");
   EXPECT_EQ(PXMetaTextFromJSON(layer), "Small Large");
 
-  // The reverse order reports the other face.
-  const auto reversed = textLayer("Large Small", JsonArray{entry(0, 6, {{"MSAttributedStringFontAttribute", font("Roboto-Bold", 18)}}),
-                                                          entry(6, 5, {{"MSAttributedStringFontAttribute", font("OpenSans-Light", 12)}})});
-  const JsonObject other = typeface(reversed);
-  EXPECT_EQ(text(other, "typeface"), "Open Sans");
-  EXPECT_EQ(text(other, "weight"), "Light");
-  EXPECT_EQ(number(other, "fontSize"), 12);
-
   // Ranges count UTF-16 units: the emoji takes two, so "ab" starts at 3.
   const auto emoji = textLayer("\xF0\x9F\x98\x80 ab", JsonArray{entry(0, 3, {{"MSAttributedStringFontAttribute", font("Roboto-Bold", 10)}}),
                                                                entry(3, 2, {{"MSAttributedStringFontAttribute", font("Roboto-Thin", 20)}})});
@@ -232,6 +224,22 @@ TEST(PXMetaTextArchived, ColourSourcesAndParagraphsFromArchives) {
   attributes.foregroundColor = PXColor::rgb(0.2, 0.6, 0.99, 1);
   string.setAttributes(attributes, {0, string.length()});
   EXPECT_EQ(typeface(archivedLayer(string)).at("fontColor"), (JsonArray{51.0, 153.0, 252.0, 1.0}));
+
+  // Absurd archived values still make a record that can be written.
+  attributes.font = PXFontDescriptor{"Roboto-Bold", 1e300};
+  attributes.foregroundColor = PXColor::rgb(1e300, -1e300, 0.5, 1);
+  attributes.paragraphStyle->paragraphSpacing = 1e306;
+  string.setAttributes(attributes, {0, string.length()});
+  record = typeface(archivedLayer(string));
+  EXPECT_TRUE(PXJsonSerialize(record, false).has_value());
+  EXPECT_EQ(record.at("fontColor").as_array()[2], JsonValue(128.0));
+  attributes.foregroundColor.reset();
+  attributes.colorDictionary = PXColorDictionary{1e300, std::nullopt, 0.5, std::nullopt};
+  string.setAttributes(attributes, {0, string.length()});
+  record = typeface(archivedLayer(string));
+  EXPECT_TRUE(PXJsonSerialize(record, false).has_value());
+  EXPECT_EQ(record.at("fontColor").as_array()[1], JsonValue(0.0));
+  EXPECT_EQ(record.at("fontColor").as_array()[3], JsonValue(1.0));
 }
 
 TEST(PXMetaTextWeights, FaceNameWithinTheFamily) {

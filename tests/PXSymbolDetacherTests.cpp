@@ -3,6 +3,7 @@
 #include "Files.h"
 #include "MainQueue.h"
 #include "PXSketchLauncher.h"
+#include "SessionBus.h"
 #include "TestSupport.h"
 #include "Zip.h"
 
@@ -20,42 +21,16 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// A private session bus, and a copy of the plug-in resource that the tests
-// may write configurations into, for the whole program.
-class DetacherEnvironment : public ::testing::Environment {
+// A private session bus and copies of the test doubles for the whole program.
+class DetacherEnvironment : public PrivateSessionEnvironment {
  public:
+  DetacherEnvironment() : PrivateSessionEnvironment({"fake-sketch"}, true) {}
   void SetUp() override {
-    // setpriv: the bus ends with this program, even when a test crashes it.
-    daemon_ = popen("exec setpriv --pdeathsig TERM dbus-daemon --session --nofork --print-address=1 --print-pid=1"
-                    " 2>/dev/null",
-                    "r");
-    ASSERT_NE(nullptr, daemon_);
-    char address[512] = {}, pid[32] = {};
-    ASSERT_TRUE(fgets(address, sizeof address, daemon_) && fgets(pid, sizeof pid, daemon_));
-    address[strcspn(address, "\n")] = 0;
-    pid_ = std::atoi(pid);
-    setenv("DBUS_SESSION_BUS_ADDRESS", address, 1);
-
-    resources_ = PXFileManager::makeTemporaryDirectory("plexa-resources");
-    ASSERT_TRUE(PXFileManager::copyItem(std::string(PLEXA_SOURCE_DIR) + "/Resources/PXSketchLauncher.sketchplugin",
-                                        resources_ + "/PXSketchLauncher.sketchplugin"));
-    setenv("PLEXA_RESOURCES_DIR", resources_.c_str(), 1);
-    setenv("FAKE_SKETCH_LOG", (resources_ + "/fake-sketch.log").c_str(), 1);
-    // A private copy, so a rebuild of the shared one mid-run cannot get in the way.
-    ASSERT_TRUE(PXFileManager::copyItem(std::string(PLEXA_TEST_BINARY_DIR) + "/fake-sketch", fakeSketch()));
+    PrivateSessionEnvironment::SetUp();
+    setenv("FAKE_SKETCH_LOG", (folder() + "/fake-sketch.log").c_str(), 1);
   }
-  void TearDown() override {
-    if (pid_ > 0) kill(pid_, SIGTERM);
-    if (daemon_) pclose(daemon_);
-    PXFileManager::removeItem(resources_);
-  }
-  static std::string resources() { return getenv("PLEXA_RESOURCES_DIR"); }
-  static std::string fakeSketch() { return resources_ + "/fake-sketch"; }
-
- private:
-  FILE* daemon_ = nullptr;
-  pid_t pid_ = 0;
-  static inline std::string resources_;
+  static std::string resources() { return folder(); }
+  static std::string fakeSketch() { return testDouble("fake-sketch"); }
 };
 [[maybe_unused]] auto* const gEnvironment = ::testing::AddGlobalTestEnvironment(new DetacherEnvironment);
 

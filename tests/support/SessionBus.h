@@ -1,0 +1,35 @@
+#pragma once
+// A private D-Bus session bus for a whole test program, with a private
+// folder for copies of test doubles and of the companion plug-in, so a
+// rebuild of the shared ones mid-run cannot get in the way.
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace plexa::test {
+
+class PrivateSessionEnvironment : public ::testing::Environment {
+ public:
+  // `doubles` are copied from the test binary folder; with
+  // `withPluginResources` the plug-in is copied too and PLEXA_RESOURCES_DIR
+  // points at the copy.
+  PrivateSessionEnvironment(std::vector<std::string> doubles, bool withPluginResources);
+  void SetUp() override;
+  void TearDown() override;
+
+  static const std::string& folder() { return folder_; }
+  static std::string testDouble(const std::string& name) { return folder_ + "/" + name; }
+
+ private:
+  std::vector<std::string> doubles_;
+  bool withPluginResources_;
+  FILE* daemon_ = nullptr;
+  pid_t pid_ = 0;
+  static inline std::string folder_;
+};
+
+}  // namespace plexa::test
