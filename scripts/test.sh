@@ -10,6 +10,7 @@ scripts/setup.sh build || exit 1
 
 scripts/setup.sh build-asan -DPLEXA_SANITIZE=ON -DPLEXA_BENCH=OFF -DCMAKE_BUILD_TYPE=Debug || exit 1
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=0:detect_stack_use_after_return=0"
+export LSAN_OPTIONS="suppressions=$PWD/tests/lsan.supp:print_suppressions=0"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
 (cd build-asan && ctest --output-on-failure -j "$jobs"); sanitized=$?
 

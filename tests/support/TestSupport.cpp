@@ -8,11 +8,34 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 
 namespace plexa::test {
+
+ScopedEnv::ScopedEnv(const char* name, const std::string& value) : name_(name) {
+  if (const char* old = std::getenv(name)) old_ = old;
+  ::setenv(name, value.c_str(), 1);
+}
+
+ScopedEnv::~ScopedEnv() {
+  if (old_) {
+    ::setenv(name_, old_->c_str(), 1);
+  } else {
+    ::unsetenv(name_);
+  }
+}
+
+JsonValue parseJson(std::string_view text) {
+  std::string error;
+  auto value = PXJsonParse(text, &error);
+  if (!value) ADD_FAILURE() << "not JSON (" << error << "): " << text;
+  return value.value_or(JsonValue());
+}
+
+std::string compactJson(const JsonValue& value) { return PXJsonSerialize(value, false).value_or("<unwritable>"); }
 
 TempDir::TempDir() : path_(PXFileManager::makeTemporaryDirectory("plexa-test")) {}
 TempDir::~TempDir() { PXFileManager::removeItem(path_); }

@@ -5,13 +5,42 @@
 #include "Json.h"
 #include "Log.h"
 
+#include <boost/json/serialize.hpp>
+
 #include <chrono>
 #include <functional>
 #include <mutex>
+#include <optional>
+#include <ostream>
 #include <string>
 #include <vector>
 
+namespace boost::json {
+// Readable failure messages for JSON values in gtest assertions.
+inline void PrintTo(const value& v, std::ostream* os) { *os << serialize(v); }
+inline void PrintTo(const object& o, std::ostream* os) { *os << serialize(o); }
+inline void PrintTo(const array& a, std::ostream* os) { *os << serialize(a); }
+}  // namespace boost::json
+
 namespace plexa::test {
+
+// Sets an environment variable for the lifetime of the object.
+class ScopedEnv {
+ public:
+  ScopedEnv(const char* name, const std::string& value);
+  ~ScopedEnv();
+  ScopedEnv(const ScopedEnv&) = delete;
+  ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+ private:
+  const char* name_;
+  std::optional<std::string> old_;
+};
+
+// Parses JSON text written in a test; a parse failure fails the test.
+JsonValue parseJson(std::string_view text);
+// The compact form of a value, for comparing whole records at once.
+std::string compactJson(const JsonValue& value);
 
 // A fresh folder, removed with everything in it when the object goes.
 class TempDir {
