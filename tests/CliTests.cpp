@@ -2,6 +2,7 @@
 #include "Files.h"
 #include "PathString.h"
 #include "TestSupport.h"
+#include "Zip.h"
 
 #include <gtest/gtest.h>
 
@@ -113,6 +114,17 @@ TEST(PlexaExtractCli, ExtractsTheSampleWithEveryStage) {
   EXPECT_NE(result.output.find("\"title\":\"Exporting Artboards (4/5)\""), std::string::npos);
   EXPECT_NE(result.output.find("\"total\":1}"), std::string::npos);
   EXPECT_NE(result.output.find("Extracted 4 artboards"), std::string::npos);
+}
+
+TEST(PlexaExtractCli, ShippedSampleIsWhatTheGeneratorMakes) {
+  TempDir dir;
+  std::string fresh = makeSample(dir);
+  std::string shipped = std::string(PLEXA_SOURCE_DIR) + "/samples/PlexaSample.sketch";
+  auto names = PXZip::entryNames(fresh);
+  ASSERT_TRUE(names);
+  EXPECT_EQ(PXZip::entryNames(shipped), names);
+  for (const auto& name : *names)
+    EXPECT_EQ(PXZip::readEntry(shipped, name), PXZip::readEntry(fresh, name)) << name << ": regenerate the sample";
 }
 
 TEST(PlexaExtractCli, ListsArtboardsAndSavesDetachedDocuments) {
