@@ -49,22 +49,10 @@ bool isFinite(const MPSRect& r) {
          std::isfinite(r.size.height);
 }
 
-MPSRect standardized(MPSRect r) {
-  if (r.size.width < 0) {
-    r.origin.x += r.size.width;
-    r.size.width = -r.size.width;
-  }
-  if (r.size.height < 0) {
-    r.origin.y += r.size.height;
-    r.size.height = -r.size.height;
-  }
-  return r;
-}
-
 // Closed ranges: rectangles that only touch meet in a zero-size rectangle.
 std::optional<MPSRect> intersection(MPSRect a, MPSRect b) {
-  a = standardized(a);
-  b = standardized(b);
+  a = MPSRectNormalise(a);
+  b = MPSRectNormalise(b);
   double minX = std::max(a.origin.x, b.origin.x);
   double minY = std::max(a.origin.y, b.origin.y);
   double maxX = std::min(a.origin.x + a.size.width, b.origin.x + b.size.width);
@@ -249,7 +237,7 @@ bool PXSyncPrototypingMetaExtraction::isTargetOnSamePage(const std::optional<std
 
 std::optional<MPSRect> PXSyncPrototypingMetaExtraction::calculateHotspotRectForLayer(
     MPSRect layerRect, MPSRect parentArtboardRect, bool clipByArtboarParentArtboardBounds) const {
-  MPSRect artboard = standardized(parentArtboardRect);
+  MPSRect artboard = MPSRectNormalise(parentArtboardRect);
   MPSRect bounds = MPSRectWithOriginAndSize(MPSPoint{0, 0}, artboard.size);
   MPSRect r = MPSRectWithOriginAndSize(MPSPointSubtractPoint(layerRect.origin, parentArtboardRect.origin),
                                        layerRect.size);

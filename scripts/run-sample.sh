@@ -6,7 +6,9 @@
 # the rest of the run goes on.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/setup.sh build >/dev/null
+log="$(mktemp)"
+if ! scripts/setup.sh build >"$log" 2>&1; then cat "$log"; rm -f "$log"; exit 1; fi
+rm -f "$log"
 rm -rf sample-output
 build/plexa-extract samples/PlexaSample.sketch -o sample-output "$@"
 ls sample-output

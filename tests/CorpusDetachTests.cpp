@@ -9,18 +9,10 @@
 #include "TestSupport.h"
 #include "Zip.h"
 
-#include <boost/json/serialize.hpp>
 #include <gtest/gtest.h>
 
 #include <functional>
 #include <set>
-
-namespace boost::json {
-// Readable failure messages.
-inline void PrintTo(const value& v, std::ostream* os) { *os << serialize(v); }
-inline void PrintTo(const object& o, std::ostream* os) { *os << serialize(o); }
-inline void PrintTo(const array& a, std::ostream* os) { *os << serialize(a); }
-}  // namespace boost::json
 
 using namespace plexa;
 using namespace plexa::test;
@@ -29,20 +21,13 @@ namespace {
 
 void forEachLayer(const JsonObject& node, const std::function<void(const JsonObject&)>& visit) {
   visit(node);
-  if (auto it = node.find("layers"); it != node.end() && it->value().is_array())
-    for (const auto& child : it->value().get_array())
+  if (const auto* layers = node.if_contains("layers"); layers && layers->is_array())
+    for (const auto& child : layers->get_array())
       if (child.is_object()) forEachLayer(child.get_object(), visit);
 }
 
 std::string text(const JsonObject& l, const char* key) {
-  auto it = l.find(key);
-  return it != l.end() && it->value().is_string() ? std::string(it->value().get_string()) : std::string();
-}
-
-bool isHidden(const JsonObject& l) {
-  auto it = l.find("isVisible");
-  auto visible = it == l.end() ? std::nullopt : PXJsonBool(&it->value());
-  return visible && !*visible;
+  return std::string(PXJsonText(l.if_contains(key)).value_or(""));
 }
 
 class CorpusDetach : public ::testing::TestWithParam<std::string> {};
@@ -71,8 +56,8 @@ TEST_P(CorpusDetach, DetachesEverythingItCanAndZipsAgain) {
     forEachLayer(page.json.get_object(), [&](const JsonObject& l) {
       if (l.contains("in_original_objectID"))
         EXPECT_TRUE(masterLayerIDs.contains(text(l, "in_original_objectID"))) << text(l, "in_original_objectID");
-      if (auto it = l.find("in_detachedSymbol"); it != l.end() && it->value() == true) ++detachedGroups;
-      if (text(l, "_class") != "symbolInstance" || isHidden(l)) return;
+      if (const auto* mark = l.if_contains("in_detachedSymbol"); mark && *mark == true) ++detachedGroups;
+      if (text(l, "_class") != "symbolInstance" || !PXJsonBool(l.if_contains("isVisible")).value_or(true)) return;
       const std::string symbolID = text(l, "symbolID");
       const bool masterMissing = symbolID.empty() || !d->symbols->contains(symbolID);
       EXPECT_TRUE(masterMissing || l.contains("in_infinitNestedSymbol"))

@@ -16,12 +16,11 @@ namespace plexa {
 namespace {
 
 void collectObjectIDs(const JsonValue& value, std::set<std::string>& ids) {
-  if (const auto* object = value.if_object()) {
-    if (auto id = PXJsonTextFor(&value, "do_objectID")) ids.emplace(*id);
+  if (auto id = PXJsonTextFor(&value, "do_objectID")) ids.emplace(*id);
+  if (const auto* object = value.if_object())
     for (const auto& member : *object) collectObjectIDs(member.value(), ids);
-  } else if (const auto* array = value.if_array()) {
+  else if (const auto* array = value.if_array())
     for (const auto& element : *array) collectObjectIDs(element, ids);
-  }
 }
 
 // Every identifier of every layer on every page (masters included).

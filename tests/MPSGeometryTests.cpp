@@ -19,13 +19,6 @@ const double kInf = std::numeric_limits<double>::infinity();
 
 MPSRect rect(double x, double y, double w, double h) { return {{x, y}, {w, h}}; }
 
-void expectRectNear(MPSRect actual, MPSRect expected, double tolerance = 1e-9) {
-  EXPECT_NEAR(actual.origin.x, expected.origin.x, tolerance);
-  EXPECT_NEAR(actual.origin.y, expected.origin.y, tolerance);
-  EXPECT_NEAR(actual.size.width, expected.size.width, tolerance);
-  EXPECT_NEAR(actual.size.height, expected.size.height, tolerance);
-}
-
 // Rotating by repeated 45° steps, as the rule states it; only for angles
 // small enough that the loop ends quickly.
 MPSCorner rotateStepwise(MPSCorner corner, double degrees) {
@@ -38,27 +31,22 @@ MPSCorner rotateStepwise(MPSCorner corner, double degrees) {
 
 }  // namespace
 
-TEST(MPSGeometryCorners, RotationFollowsTheTableAndTurnsBothWaysCounterClockwise) {
+TEST(MPSGeometryCorners, RotationFollowsTheTableStepwiseForAnyAngle) {
   const MPSCorner expected[8] = {5, 4, 7, 6, 0, 2, 1, 3};
   for (MPSCorner c = 0; c < 8; ++c) EXPECT_EQ(MPSCornerByRotating45DegreesCounterClockwise(c), expected[c]);
   EXPECT_EQ(MPSCornerByRotating45DegreesCounterClockwise(8), 8);
   EXPECT_EQ(MPSCornerByRotating45DegreesCounterClockwise(-1), 8);
 
-  EXPECT_EQ(MPSCornerByRotatingByDegrees(0, 90), 2);
-  EXPECT_EQ(MPSCornerByRotatingByDegrees(0, -90), 2);
-  EXPECT_EQ(MPSCornerByRotatingByDegrees(3, 22.9), 3);
-  EXPECT_EQ(MPSCornerByRotatingByDegrees(3, 23), 6);
-  EXPECT_EQ(MPSCornerByRotatingByDegrees(3, -23), 6);
-  EXPECT_EQ(MPSCornerByRotatingByDegrees(9, 10), 9);
-  EXPECT_EQ(MPSCornerByRotatingByDegrees(9, 45), 8);
-}
-
-TEST(MPSGeometryCorners, LargeAndNonFiniteAnglesEndAndMatchTheStepwiseRule) {
-  for (MPSCorner c = 0; c < 8; ++c) {
-    for (double d : {360.0, 383.0, 405.0, 725.0, 1000.5, -368.0, -405.0, -1079.0, 1080.0}) {
+  // Both directions turn counter-clockwise, from 23° on; invalid corners
+  // become 8 at the first step; large angles end and match the rule.
+  for (MPSCorner c = -1; c <= 9; ++c) {
+    for (double d : {10.0, 22.9, 23.0, -23.0, 45.0, 90.0, -90.0, 360.0, 383.0, 405.0, 725.0, 1000.5, -368.0, -405.0,
+                     -1079.0, 1080.0}) {
       EXPECT_EQ(MPSCornerByRotatingByDegrees(c, d), rotateStepwise(c, d)) << "corner " << c << " degrees " << d;
     }
   }
+  EXPECT_EQ(MPSCornerByRotatingByDegrees(0, -90), 2);
+  EXPECT_EQ(MPSCornerByRotatingByDegrees(3, 23), 6);
   // A full turn brings every corner back; a turn of 8 steps plus one is one step.
   EXPECT_EQ(MPSCornerByRotatingByDegrees(1, 1e12), MPSCornerByRotatingByDegrees(1, std::fmod(1e12, 360.0)));
   EXPECT_EQ(MPSCornerByRotatingByDegrees(4, kNaN), 4);
@@ -67,26 +55,13 @@ TEST(MPSGeometryCorners, LargeAndNonFiniteAnglesEndAndMatchTheStepwiseRule) {
 }
 
 TEST(MPSGeometryCorners, FlipsMasksAndEdges) {
-  EXPECT_EQ(MPSCornerFlip(0), 3);
-  EXPECT_EQ(MPSCornerFlip(2), 1);
-  EXPECT_EQ(MPSCornerFlip(4), 7);
-  EXPECT_EQ(MPSCornerFlip(6), 5);
-  EXPECT_EQ(MPSCornerFlip(-3), 8);
-
-  EXPECT_EQ(MPSCornerFlipByAxis(4, 0), 4);
-  EXPECT_EQ(MPSCornerFlipByAxis(5, 0), 6);
-  EXPECT_EQ(MPSCornerFlipByAxis(2, 0), 3);
-  EXPECT_EQ(MPSCornerFlipByAxis(5, 1), 5);
-  EXPECT_EQ(MPSCornerFlipByAxis(7, 1), 4);
-  EXPECT_EQ(MPSCornerFlipByAxis(1, 7), 3);
-
-  EXPECT_TRUE(MPSCornerSatisfiesMask(3, 0b1000));
   EXPECT_FALSE(MPSCornerSatisfiesMask(2, 0b1000));
   EXPECT_TRUE(MPSCornerSatisfiesMask(40, std::uint64_t{1} << 40));
   EXPECT_FALSE(MPSCornerSatisfiesMask(-1, ~std::uint64_t{0}));
   EXPECT_FALSE(MPSCornerSatisfiesMask(64, ~std::uint64_t{0}));
 
-  // The edges of each corner agree with the point the corner names.
+  // The edges of each corner agree with the point the corner names, and the
+  // flips name the point mirrored through the mid (x + x' = 120, y + y' = 90).
   const MPSRect r = rect(10, 20, 100, 50);
   for (MPSCorner c = 0; c < 8; ++c) {
     const unsigned edges = MPSCornerRectEdgesMask(c);
@@ -97,7 +72,12 @@ TEST(MPSGeometryCorners, FlipsMasksAndEdges) {
     EXPECT_EQ((edges & MPSRectEdgeBottom) != 0, p.y == 70) << c;
     EXPECT_EQ(MPSCornerIsInMidHorizontal(c), p.y == 45 && (p.x == 10 || p.x == 110)) << c;
     EXPECT_EQ(MPSCornerIsInMidVertical(c), p.x == 60) << c;
+    EXPECT_EQ(MPSRectPointForCorner(r, MPSCornerFlip(c)), (MPSPoint{120 - p.x, 90 - p.y})) << c;
+    EXPECT_EQ(MPSRectPointForCorner(r, MPSCornerFlipByAxis(c, 0)), (MPSPoint{120 - p.x, p.y})) << c;
+    EXPECT_EQ(MPSRectPointForCorner(r, MPSCornerFlipByAxis(c, 1)), (MPSPoint{p.x, 90 - p.y})) << c;
   }
+  EXPECT_EQ(MPSCornerFlip(-3), 8);
+  EXPECT_EQ(MPSCornerFlipByAxis(1, 7), 3);  // any axis but 0 is vertical
   EXPECT_EQ(MPSCornerRectEdgesMask(8), 0u);
   EXPECT_EQ(MPSCornerRectEdgesMask(-2), 0u);
 }
@@ -182,11 +162,11 @@ TEST(MPSGeometryRects, ConstructionAndFitting) {
   EXPECT_EQ(MPSRectWithSizeCenteredInRect(rect(0, 0, 100, 50), {20, 10}), rect(40, 20, 20, 10));
 
   // A wide size fills the width, a tall one the height.
-  expectRectNear(MPSRectWithSizeProportionallyInRect(rect(0, 0, 100, 100), {200, 100}), rect(0, 25, 100, 50));
-  expectRectNear(MPSRectWithSizeProportionallyInRect(rect(0, 0, 100, 100), {50, 100}), rect(25, 0, 50, 100));
+  EXPECT_EQ(MPSRectWithSizeProportionallyInRect(rect(0, 0, 100, 100), {200, 100}), rect(0, 25, 100, 50));
+  EXPECT_EQ(MPSRectWithSizeProportionallyInRect(rect(0, 0, 100, 100), {50, 100}), rect(25, 0, 50, 100));
   // Around: the same ratio covering the rect instead.
-  expectRectNear(MPSRectWithSizeProportionallyAroundRect(rect(0, 0, 100, 100), {200, 100}), rect(-50, 0, 200, 100));
-  expectRectNear(MPSRectWithSizeProportionallyAroundRect(rect(0, 0, 100, 100), {50, 100}), rect(0, -50, 100, 200));
+  EXPECT_EQ(MPSRectWithSizeProportionallyAroundRect(rect(0, 0, 100, 100), {200, 100}), rect(-50, 0, 200, 100));
+  EXPECT_EQ(MPSRectWithSizeProportionallyAroundRect(rect(0, 0, 100, 100), {50, 100}), rect(0, -50, 100, 200));
   EXPECT_EQ(MPSRectWithSizeProportionallyAroundRect(rect(1, 2, 3, 4), {0, 10}), rect(1, 2, 3, 4));
 
   EXPECT_TRUE(MPSRectIsZero(rect(-0.0, 0, 0, -0.0)));

@@ -9,47 +9,20 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdlib>
 #include <ctime>
-#include <filesystem>
 #include <limits>
 #include <stdexcept>
 
 using namespace plexa;
-using plexa::test::LogCapture;
-using plexa::test::TempDir;
+using namespace plexa::test;
 
 namespace {
 
-JsonObject parseObject(std::string_view text) { return PXJsonParse(text)->as_object(); }
-
-// Sets TZ for the lifetime of the object and restores the previous zone.
-class ScopedTimeZone {
- public:
-  explicit ScopedTimeZone(const char* zone) {
-    if (const char* old = std::getenv("TZ")) previous_ = old;
-    ::setenv("TZ", zone, 1);
-    ::tzset();
-  }
-  ~ScopedTimeZone() {
-    if (previous_)
-      ::setenv("TZ", previous_->c_str(), 1);
-    else
-      ::unsetenv("TZ");
-    ::tzset();
-  }
-
- private:
-  std::optional<std::string> previous_;
-};
+JsonObject parseObject(std::string_view text) { return parseJson(text).as_object(); }
 
 std::chrono::system_clock::time_point fromUnixSeconds(double seconds) {
   return std::chrono::system_clock::time_point(
       std::chrono::duration_cast<std::chrono::system_clock::duration>(std::chrono::duration<double>(seconds)));
-}
-
-size_t entryCount(const std::string& folder) {
-  return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(folder), {}));
 }
 
 }  // namespace
@@ -110,8 +83,7 @@ TEST(MPSyncArrayHelpers, JsonTextBothWays) {
 }
 
 TEST(MPSyncDictionaryHelpers, TypedGettersAndTruth) {
-  const JsonObject d = parseObject(
-      R"({"s":"x","n":0,"f":2.5,"t":true,"str":"true","a":[1],"o":{"k":1},"null":null})");
+  const JsonObject d = parseObject(R"({"s":"x","n":0,"f":2.5,"t":true,"str":"true","a":[1],"o":{"k":1},"null":null})");
   EXPECT_NE(stringForKey_mps(d, "s"), nullptr);
   EXPECT_EQ(stringForKey_mps(d, "n"), nullptr);
   EXPECT_EQ(stringForKey_mps(d, "missing"), nullptr);
@@ -184,76 +156,66 @@ TEST(MPSyncStringHelpers, Digests) {
 }
 
 TEST(MPSyncStringHelpers, VersionsCompareComponentWise) {
-  EXPECT_EQ(compareAsVersion_mps("1.2", "1.2"), 0);
-  EXPECT_EQ(compareAsVersion_mps("1.2", "1.10"), -1);
-  EXPECT_EQ(compareAsVersion_mps("1.10", "1.9"), 1);
-  EXPECT_EQ(compareAsVersion_mps("1.2.0", "1.2"), 1);
-  EXPECT_EQ(compareAsVersion_mps("2", "2.0"), -1);
-  EXPECT_EQ(compareAsVersion_mps("", "1"), -1);
-  EXPECT_EQ(compareAsVersion_mps("1.x", "1.0"), 0);
-  EXPECT_EQ(compareAsVersion_mps("3b.1", "3.1"), 0);
-  EXPECT_EQ(compareAsVersion_mps(" 4.-1", "4.0"), -1);
-  EXPECT_EQ(compareAsVersion_mps("99999999999999999999", "99999999999999999998"), 0);  // both saturate
-  EXPECT_EQ(compareAsVersion_mps("-99999999999999999999", "1"), -1);
-  EXPECT_TRUE(isLessThanVersion_mps("52.9", "53"));
-  EXPECT_FALSE(isLessThanVersion_mps("1.x", "1.0"));
-  EXPECT_FALSE(isLessThanVersion_mps("1.0", "1.0"));
+  const struct { const char *a, *b; int order; } versions[] = {
+      {"1.2", "1.2", 0},  {"1.2", "1.10", -1}, {"1.10", "1.9", 1},  {"1.2.0", "1.2", 1},   {"2", "2.0", -1},
+      {"", "1", -1},      {"1.x", "1.0", 0},   {"3b.1", "3.1", 0},  {" 4.-1", "4.0", -1}, {"52.9", "53", -1},
+      {"99999999999999999999", "99999999999999999998", 0},  // both saturate
+      {"-99999999999999999999", "1", -1},
+  };
+  for (const auto& v : versions) {
+    SCOPED_TRACE(std::string(v.a) + " against " + v.b);
+    EXPECT_EQ(compareAsVersion_mps(v.a, v.b), v.order);
+    EXPECT_EQ(compareAsVersion_mps(v.b, v.a), -v.order);
+    EXPECT_EQ(isLessThanVersion_mps(v.a, v.b), v.order < 0);
+  }
 
-  EXPECT_EQ(majorVersion_mps("52.1"), 52);
-  EXPECT_EQ(majorVersion_mps(" 7"), 7);
-  EXPECT_EQ(majorVersion_mps("0.5"), std::nullopt);
-  EXPECT_EQ(majorVersion_mps("-3.1"), std::nullopt);
-  EXPECT_EQ(majorVersion_mps(""), std::nullopt);
-  EXPECT_EQ(majorVersion_mps(".5"), std::nullopt);
-  EXPECT_EQ(majorVersion_mps("beta"), std::nullopt);
-  EXPECT_EQ(majorVersion_mps("123456789012345678901"), std::numeric_limits<int64_t>::max());
+  const std::pair<const char*, std::optional<int64_t>> majors[] = {
+      {"52.1", 52},          {" 7", 7},           {"0.5", std::nullopt}, {"-3.1", std::nullopt},
+      {"", std::nullopt},    {".5", std::nullopt}, {"beta", std::nullopt},
+      {"123456789012345678901", std::numeric_limits<int64_t>::max()},
+  };
+  for (const auto& [text, major] : majors) EXPECT_EQ(majorVersion_mps(text), major) << text;
 }
 
 TEST(MPSyncDateHelpers, IsoFormatInFixedZones) {
-  const auto moment = fromUnixSeconds(1488640811);  // 2017-03-04 15:20:11 UTC
-  {
-    ScopedTimeZone zone("UTC0");
-    EXPECT_EQ(iso_mps(moment), "2017-03-04T15:20:11Z");
-    EXPECT_EQ(iso_mps(fromUnixSeconds(-0.5)), "1969-12-31T23:59:59Z");  // a fraction counts downwards
-    EXPECT_EQ(iso_mps(fromUnixSeconds(-2208988800.0)), "1900-01-01T00:00:00Z");
+  const double moment = 1488640811;  // 2017-03-04 15:20:11 UTC
+  const struct { const char* zone; double seconds; const char* iso; } cases[] = {
+      {"UTC0", moment, "2017-03-04T15:20:11Z"},
+      {"UTC0", -0.5, "1969-12-31T23:59:59Z"},  // a fraction counts downwards
+      {"UTC0", -2208988800.0, "1900-01-01T00:00:00Z"},
+      {"CET-1", moment, "2017-03-04T16:20:11+01:00"},
+      {"NST+3:30", moment, "2017-03-04T11:50:11-03:30"},
+      {"ODD-0:00:30", moment, "2017-03-04T15:20:41+00:00:30"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.zone);
+    ScopedEnv zone("TZ", c.zone);
+    ::tzset();  // the C library rereads TZ only here
+    EXPECT_EQ(iso_mps(fromUnixSeconds(c.seconds)), c.iso);
   }
-  {
-    ScopedTimeZone zone("CET-1");
-    EXPECT_EQ(iso_mps(moment), "2017-03-04T16:20:11+01:00");
-  }
-  {
-    ScopedTimeZone zone("NST+3:30");
-    EXPECT_EQ(iso_mps(moment), "2017-03-04T11:50:11-03:30");
-  }
-  {
-    ScopedTimeZone zone("ODD-0:00:30");
-    EXPECT_EQ(iso_mps(moment), "2017-03-04T15:20:41+00:00:30");
-  }
+  ::tzset();
 }
 
 TEST(MPSyncFileWriter, PrettyCompactAndFailures) {
   TempDir dir;
   const JsonObject value{{"name", "a/b"}, {"size", 375.0}, {"list", JsonArray{1, 2}}};
   const std::string path = dir / "out.json";
+  const std::vector<std::string> onlyOut{"out.json"};
 
   ASSERT_TRUE(PXFileWriter::writeJSON(value, true, path));
-  EXPECT_EQ(plexa::test::readText(path),
-            "{\n  \"name\" : \"a/b\",\n  \"size\" : 375,\n  \"list\" : [\n    1,\n    2\n  ]\n}");
+  EXPECT_EQ(readText(path), "{\n  \"name\" : \"a/b\",\n  \"size\" : 375,\n  \"list\" : [\n    1,\n    2\n  ]\n}");
   // Writing again replaces the file in one step and leaves nothing beside it.
   ASSERT_TRUE(PXFileWriter::writeJSON(value, false, path));
-  EXPECT_EQ(plexa::test::readText(path), R"({"name":"a/b","size":375,"list":[1,2]})");
-  EXPECT_EQ(entryCount(dir.path()), 1u);
+  EXPECT_EQ(readText(path), R"({"name":"a/b","size":375,"list":[1,2]})");
+  EXPECT_EQ(*PXFileManager::contentsOfDirectory(dir.path()), onlyOut);
 
   // A value that cannot be serialised writes nothing, not even a temporary.
-  const std::string bad = dir / "bad.json";
-  EXPECT_FALSE(PXFileWriter::writeJSON(JsonObject{{"x", std::nan("")}}, true, bad));
+  EXPECT_FALSE(PXFileWriter::writeJSON(JsonObject{{"x", std::nan("")}}, true, dir / "bad.json"));
   EXPECT_FALSE(PXFileWriter::writeJSON(JsonArray{1, -std::numeric_limits<double>::infinity()}, false, path));
-  EXPECT_FALSE(std::filesystem::exists(bad));
-  EXPECT_EQ(plexa::test::readText(path), R"({"name":"a/b","size":375,"list":[1,2]})");
-  EXPECT_EQ(entryCount(dir.path()), 1u);
+  EXPECT_EQ(readText(path), R"({"name":"a/b","size":375,"list":[1,2]})");
+  EXPECT_EQ(*PXFileManager::contentsOfDirectory(dir.path()), onlyOut);
 
   // A failed write still reports success, by contract, and leaves nothing.
   EXPECT_TRUE(PXFileWriter::writeJSON(value, true, dir / "missing/out.json"));
-  EXPECT_FALSE(std::filesystem::exists(dir / "missing"));
-  EXPECT_EQ(entryCount(dir.path()), 1u);
+  EXPECT_EQ(*PXFileManager::contentsOfDirectory(dir.path()), onlyOut);
 }

@@ -1,26 +1,17 @@
 #include "Notifications.h"
 
-#include "Files.h"
 #include "MainQueue.h"
+#include "Process.h"
 #include "SessionBus.h"
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
 
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <limits>
+#include <memory>
 #include <string>
 #include <vector>
-
-extern char** environ;
 
 using namespace plexa;
 using namespace plexa::test;
@@ -28,56 +19,14 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// A child process started with the test's environment; killed if still running.
-class Child {
- public:
-  explicit Child(const std::vector<std::string>& argv) {
-    std::vector<char*> args;
-    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    if (posix_spawnp(&pid_, args[0], nullptr, nullptr, args.data(), environ) != 0) pid_ = -1;
-  }
-  ~Child() {
-    if (pid_ > 0 && !exited_) {
-      kill(pid_, SIGTERM);
-      waitpid(pid_, nullptr, 0);
-    }
-  }
-  bool started() const { return pid_ > 0; }
-  // The exit status, or -1 when it has not ended within `timeout`.
-  int wait(std::chrono::milliseconds timeout) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (pid_ > 0 && std::chrono::steady_clock::now() < deadline) {
-      int status = 0;
-      if (waitpid(pid_, &status, WNOHANG) == pid_) {
-        exited_ = true;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-      }
-      PXMainQueue::shared().runUntil([] { return false; }, 20ms);
-    }
-    return -1;
-  }
+[[maybe_unused]] auto* const gEnvironment =
+    ::testing::AddGlobalTestEnvironment(new PrivateSessionEnvironment({"fake-anima"}, false));
 
- private:
-  pid_t pid_ = -1;
-  bool exited_ = false;
-};
-
-// A private session bus and copies of the test doubles for the whole program.
-class SessionBus : public PrivateSessionEnvironment {
- public:
-  SessionBus() : PrivateSessionEnvironment({"fake-anima"}, false) {}
-  static std::string fakeAnima() { return testDouble("fake-anima"); }
-};
-[[maybe_unused]] auto* const gEnvironment = ::testing::AddGlobalTestEnvironment(new SessionBus);
-
-// Emits a signal from another process with dbus-send, in our wire format.
-int sendFromOtherProcess(const std::vector<std::string>& arguments) {
-  std::vector<std::string> argv{"dbus-send", "--session", "--type=signal", "/org/plexa/DistributedNotifications",
-                                "org.plexa.DistributedNotifications.Notification"};
-  argv.insert(argv.end(), arguments.begin(), arguments.end());
-  Child sender(argv);
-  return sender.wait(10s);
+// Emits a signal from another process with dbus-send, in our wire format; its exit status.
+int sendFromOtherProcess(std::vector<std::string> arguments) {
+  arguments.insert(arguments.begin(), {"dbus-send", "--session", "--type=signal", "/org/plexa/DistributedNotifications",
+                                       "org.plexa.DistributedNotifications.Notification"});
+  return PXRunProcess("/usr/bin/env", arguments).exitCode;
 }
 
 struct Received {
@@ -125,15 +74,17 @@ TEST(DistributedNotifications, DeliversNotificationsFromOtherProcessesOnTheMainT
 
 TEST(DistributedNotifications, RequestsAreAnsweredByAPeerProcess) {
   TempDir dir;
-  writeText(dir / "in.sketch", "document bytes");
   auto center = PXDistributedNotificationCenter::defaultCenter();
   bool ready = false;
+  auto exitCode = std::make_shared<std::optional<int>>();
   Received answers;
   auto readyToken = center->addObserver("PXFakeAnimaReady", std::string("fake-anima"),
                                         [&](const PXNotification&) { ready = true; });
   auto answerToken = center->addObserver("MPSyncAnimaExporterFinishNotification", std::nullopt, answers.block());
-  Child peer({SessionBus::fakeAnima(), "--record", dir / "request.json"});
-  ASSERT_TRUE(peer.started());
+  auto peer = PXChildProcess::start(PrivateSessionEnvironment::testDouble("fake-anima"),
+                                    {"--answer", "missing", "--record", dir / "request.json"}, std::nullopt, nullptr,
+                                    [exitCode](int code) { *exitCode = code; });
+  ASSERT_TRUE(peer);
   ASSERT_TRUE(pumpMainUntil([&] { return ready; }));
 
   JsonObject userInfo{{"fileName", dir / "in.sketch"},
@@ -141,14 +92,13 @@ TEST(DistributedNotifications, RequestsAreAnsweredByAPeerProcess) {
                       {"outputFilePath", dir / "out.sketch"},
                       {"scale", 1.5}};
   ASSERT_TRUE(center->postNotificationName("MPSyncAnimaExporterExportNotification", std::nullopt, userInfo));
-  ASSERT_TRUE(pumpMainUntil([&] { return !answers.notes.empty(); }));
-  EXPECT_EQ(0, peer.wait(10s));
+  ASSERT_TRUE(pumpMainUntil([&] { return !answers.notes.empty() && exitCode->has_value(); }));
+  EXPECT_EQ(std::optional<int>(0), *exitCode) << "the peer answered the one request it waited for";
 
   // What the peer parsed is what was posted, numbers and all.
   EXPECT_EQ(JsonValue(userInfo), readJson(dir / "request.json"));
   ASSERT_TRUE(answers.notes[0].userInfo);
   EXPECT_EQ(dir / "out.sketch", answers.notes[0].userInfo->at("outputFilePath").as_string());
-  EXPECT_EQ("document bytes", readText(dir / "out.sketch"));
 }
 
 TEST(DistributedNotifications, RemovedObserversHearNothingMore) {

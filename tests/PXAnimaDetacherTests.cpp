@@ -2,20 +2,11 @@
 
 #include "Files.h"
 #include "MainQueue.h"
+#include "Process.h"
 #include "SessionBus.h"
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
-
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-
-extern char** environ;
 
 using namespace plexa;
 using namespace plexa::test;
@@ -23,40 +14,19 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// A private session bus and copies of the test doubles for the whole program.
-class SessionBus : public PrivateSessionEnvironment {
- public:
-  SessionBus() : PrivateSessionEnvironment({"fake-anima"}, false) {}
-  static std::string fakeAnima() { return testDouble("fake-anima"); }
-};
-[[maybe_unused]] auto* const gEnvironment = ::testing::AddGlobalTestEnvironment(new SessionBus);
+[[maybe_unused]] auto* const gEnvironment =
+    ::testing::AddGlobalTestEnvironment(new PrivateSessionEnvironment({"fake-anima"}, false));
 
-// The fake Anima, started and listening; it exits after answering.
-class FakeAnima {
- public:
-  explicit FakeAnima(std::vector<std::string> options) {
-    bool ready = false;
-    auto token = PXDistributedNotificationCenter::defaultCenter()->addObserver(
-        "PXFakeAnimaReady", std::string("fake-anima"), [&](const PXNotification&) { ready = true; });
-    options.insert(options.begin(), SessionBus::fakeAnima());
-    std::vector<char*> argv;
-    for (auto& o : options) argv.push_back(o.data());
-    argv.push_back(nullptr);
-    if (posix_spawn(&pid_, argv[0], nullptr, nullptr, argv.data(), environ) != 0) pid_ = -1;
-    ready_ = pid_ > 0 && pumpMainUntil([&] { return ready; });
-  }
-  ~FakeAnima() {
-    if (pid_ > 0) {
-      kill(pid_, SIGTERM);
-      waitpid(pid_, nullptr, 0);
-    }
-  }
-  bool ready() const { return ready_; }
-
- private:
-  pid_t pid_ = -1;
-  bool ready_ = false;
-};
+// The fake Anima, started and listening (else null); it exits after answering
+// and is killed if the pointer goes first.
+std::shared_ptr<PXChildProcess> startFakeAnima(const std::vector<std::string>& options) {
+  bool ready = false;
+  auto token = PXDistributedNotificationCenter::defaultCenter()->addObserver(
+      "PXFakeAnimaReady", std::string("fake-anima"), [&](const PXNotification&) { ready = true; });
+  auto anima = PXChildProcess::start(PrivateSessionEnvironment::testDouble("fake-anima"), options, std::nullopt,
+                                     nullptr, nullptr);
+  return anima && pumpMainUntil([&] { return ready; }) ? anima : nullptr;
+}
 
 struct Answers {
   std::vector<bool> results;
@@ -78,59 +48,37 @@ void settle() { pumpMainUntil([] { return false; }, 300ms); }
 
 }  // namespace
 
-TEST(PXAnimaDetacher, SucceedsWhenAnimaWritesTheCopyAndKeepsItsCompletion) {
+TEST(PXAnimaDetacher, TheAnsweredPathDecidesSuccessAndTheRequestCarriesTheArtboards) {
   TempDir dir;
   writeText(dir / "in.sketch", "original");
-  FakeAnima anima({"--record", dir / "request.json"});
-  ASSERT_TRUE(anima.ready());
-
-  auto detacher = PXAnimaDetacher::make();
-  Answers answers;
-  detacher->detachSketchFile(dir / "in.sketch", std::nullopt, dir / "detached.sketch", answers.block());
-  ASSERT_TRUE(pumpMainUntil([&] { return !answers.results.empty(); }));
-  settle();
-
-  EXPECT_EQ(std::vector<bool>{true}, answers.results);
-  EXPECT_TRUE(answers.onMain);
-  EXPECT_EQ("original", readText(dir / "detached.sketch"));
-  // No artboard list goes out as an empty array.
-  EXPECT_EQ(JsonValue(JsonObject{{"fileName", dir / "in.sketch"},
-                                 {"artboardIDs", JsonArray()},
-                                 {"outputFilePath", dir / "detached.sketch"}}),
-            readJson(dir / "request.json"));
-
-  // The completion is not cleared: any later answer calls it again.
-  postFinish(JsonObject{{"outputFilePath", dir / "in.sketch"}});
-  ASSERT_TRUE(pumpMainUntil([&] { return answers.results.size() == 2; }));
-  EXPECT_TRUE(answers.results[1]);
-}
-
-TEST(PXAnimaDetacher, FailsWhenTheAnsweredFileIsMissingAndTrustsTheAnsweredPath) {
-  TempDir dir;
-  writeText(dir / "in.sketch", "original");
-  {
+  const std::string out = dir / "out.sketch";
+  const struct {
+    std::string answer;
+    std::optional<std::vector<std::string>> artboards;
+    JsonArray sent;
+    bool success;
+  } cases[] = {
+      {"requested", std::nullopt, {}, true},  // no artboard list goes out as an empty array
+      {"missing", std::vector<std::string>{"A1", "A2"}, {"A1", "A2"}, false},
+      // Written elsewhere and said so: the answer's path counts, not the request's.
+      {"elsewhere:" + dir / "elsewhere.sketch", std::nullopt, {}, true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.answer);
+    PXFileManager::removeItem(out);
+    auto anima = startFakeAnima({"--answer", c.answer, "--record", dir / "request.json"});
+    ASSERT_TRUE(anima);
     // The completion outlives any one answer, so each detacher lives no longer than its Answers.
+    Answers answers;
     auto detacher = PXAnimaDetacher::make();
-    FakeAnima anima({"--answer", "missing", "--record", dir / "request.json"});
-    ASSERT_TRUE(anima.ready());
-    Answers answers;
-    detacher->detachSketchFile(dir / "in.sketch", std::vector<std::string>{"A1", "A2"}, dir / "out.sketch",
-                               answers.block());
-    ASSERT_TRUE(pumpMainUntil([&] { return !answers.results.empty(); }));
-    EXPECT_EQ(std::vector<bool>{false}, answers.results);
-    EXPECT_EQ(JsonValue(JsonArray{"A1", "A2"}), readJson(dir / "request.json").at("artboardIDs"));
-  }
-  {
-    // Written elsewhere and said so: the answer's path counts, not the request's.
-    auto fresh = PXAnimaDetacher::make();
-    FakeAnima anima({"--answer", "elsewhere:" + dir / "elsewhere.sketch"});
-    ASSERT_TRUE(anima.ready());
-    Answers answers;
-    fresh->detachSketchFile(dir / "in.sketch", std::nullopt, dir / "requested.sketch", answers.block());
+    detacher->detachSketchFile(dir / "in.sketch", c.artboards, out, answers.block());
     ASSERT_TRUE(pumpMainUntil([&] { return !answers.results.empty(); }));
     settle();
-    EXPECT_FALSE(PXFileManager::fileExists(dir / "requested.sketch"));
-    EXPECT_EQ(std::vector<bool>{true}, answers.results);
+    EXPECT_EQ(std::vector<bool>{c.success}, answers.results);
+    EXPECT_TRUE(answers.onMain);
+    EXPECT_EQ(c.answer == "requested", PXFileManager::fileExists(out));
+    EXPECT_EQ(JsonValue(JsonObject{{"fileName", dir / "in.sketch"}, {"artboardIDs", c.sent}, {"outputFilePath", out}}),
+              readJson(dir / "request.json"));
   }
 }
 
@@ -156,9 +104,14 @@ TEST(PXAnimaDetacher, EachRequestAddsAnObservationAndBadAnswersAreIgnored) {
   EXPECT_TRUE(first.results.empty());
   EXPECT_EQ(4u, logs.count("has no \"outputFilePath\" text"));
 
+  // The completion is not cleared by an answer: a later one calls it again.
+  postFinish(JsonObject{{"outputFilePath", dir / "missing.sketch"}});
+  ASSERT_TRUE(pumpMainUntil([&] { return latest.results.size() == 4; }));
+  EXPECT_EQ((std::vector<bool>{true, true, false, false}), latest.results);
+
   // A released detacher is not called any more.
   detacher.reset();
   postFinish(JsonObject{{"outputFilePath", dir / "copy.sketch"}});
   settle();
-  EXPECT_EQ(2u, latest.results.size());
+  EXPECT_EQ(4u, latest.results.size());
 }

@@ -4,8 +4,8 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
+#include <filesystem>
 
 using namespace plexa;
 using namespace std::chrono_literals;
@@ -20,7 +20,7 @@ struct StreamRun {
   std::weak_ptr<PXCommand> command;
 
   explicit StreamRun(const std::string& script) {
-    auto started = PXCommand::runCommand(
+    command = PXCommand::runCommand(
         "/bin/sh", {"-c", script},
         [this](const std::string& lines) {
           allOnMainThread = allOnMainThread && PXMainQueue::shared().isMainThread();
@@ -30,7 +30,6 @@ struct StreamRun {
           allOnMainThread = allOnMainThread && PXMainQueue::shared().isMainThread();
           completed = true;
         });
-    command = started;
   }
 
   bool finish(std::chrono::milliseconds timeout = 10s) {
@@ -41,23 +40,20 @@ struct StreamRun {
 }  // namespace
 
 TEST(PXCommandStreaming, AssemblesWholeLinesAcrossChunks) {
-  StreamRun lastLineWithoutBreak("printf 'a\\nb\\nc'");
-  ASSERT_TRUE(lastLineWithoutBreak.finish());
-  EXPECT_EQ(lastLineWithoutBreak.calls, (std::vector<std::string>{"a\nb", "c"}));
-  EXPECT_TRUE(lastLineWithoutBreak.allOnMainThread);
-
-  StreamRun splitLine("printf ab; sleep 0.3; printf 'c\\n'");
-  ASSERT_TRUE(splitLine.finish());
-  EXPECT_EQ(splitLine.calls, (std::vector<std::string>{"abc"}));
-
-  StreamRun endsWithBreak("printf 'x\\ny\\n'");
-  ASSERT_TRUE(endsWithBreak.finish());
-  EXPECT_EQ(endsWithBreak.calls, (std::vector<std::string>{"x\ny"}));
-
-  // A character cut by a read boundary arrives whole.
-  StreamRun splitCharacter("printf '\\303'; sleep 0.3; printf '\\251\\n'");
-  ASSERT_TRUE(splitCharacter.finish());
-  EXPECT_EQ(splitCharacter.calls, (std::vector<std::string>{"\xC3\xA9"}));
+  const std::pair<const char*, std::vector<std::string>> cases[] = {
+      {"printf 'a\\nb\\nc'", {"a\nb", "c"}},           // the last line without a break
+      {"printf 'x\\ny\\n'", {"x\ny"}},                  // the last line with one
+      {"printf ab; sleep 0.3; printf 'c\\n'", {"abc"}},  // a line cut by a read boundary
+      // A character cut by a read boundary arrives whole.
+      {"printf '\\303'; sleep 0.3; printf '\\251\\n'", {"\xC3\xA9"}},
+  };
+  for (const auto& [script, calls] : cases) {
+    SCOPED_TRACE(script);
+    StreamRun run(script);
+    ASSERT_TRUE(run.finish());
+    EXPECT_EQ(run.calls, calls);
+    EXPECT_TRUE(run.allOnMainThread);
+  }
 }
 
 TEST(PXCommandStreaming, KeepsItselfAliveUntilItsCompletionAndNotLonger) {
@@ -66,15 +62,12 @@ TEST(PXCommandStreaming, KeepsItselfAliveUntilItsCompletionAndNotLonger) {
   ASSERT_TRUE(run.finish());
   EXPECT_EQ(run.calls, (std::vector<std::string>{"done"}));
   // The completion has run; nothing holds the command any more.
-  test::pumpMainUntil([&] { return run.command.expired(); }, 1s);
-  EXPECT_TRUE(run.command.expired());
+  EXPECT_TRUE(test::pumpMainUntil([&] { return run.command.expired(); }, 1s));
 }
 
 TEST(PXCommandStreaming, DoesNotWaitForLeftOverDescendants) {
-  auto start = std::chrono::steady_clock::now();
   StreamRun run("sleep 3 & echo parent-done");
   ASSERT_TRUE(run.finish(2500ms));
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 2500ms);
   EXPECT_EQ(run.calls, (std::vector<std::string>{"parent-done"}));
 }
 
@@ -84,10 +77,7 @@ TEST(PXCommandStreaming, CancelKillsTheProgramAndStillCompletes) {
   auto command = run.command.lock();
   ASSERT_TRUE(command);
   command->cancel();
-  EXPECT_TRUE(command->isCancelled());
-  auto cancelledAt = std::chrono::steady_clock::now();
   ASSERT_TRUE(run.finish(5s));
-  EXPECT_LT(std::chrono::steady_clock::now() - cancelledAt, 5s);
   EXPECT_EQ(run.calls, (std::vector<std::string>{"first"}));
 }
 
@@ -125,10 +115,8 @@ TEST(PXCommandSynchronous, ReturnsBothStreamsAndHonoursTheWorkingFolder) {
   EXPECT_NE(output.find("err\n"), std::string::npos);
 
   test::TempDir folder;
-  std::string here = PXCommand::runCommand("/bin/sh", folder.path(), {"-c", "pwd -P"});
-  char resolved[PATH_MAX];
-  ASSERT_TRUE(realpath(folder.path().c_str(), resolved));
-  EXPECT_EQ(here, std::string(resolved) + "\n");
+  EXPECT_EQ(PXCommand::runCommand("/bin/sh", folder.path(), {"-c", "pwd -P"}),
+            std::filesystem::canonical(folder.path()).string() + "\n");
 
   // Output that is not UTF-8 is no text.
   EXPECT_EQ(PXCommand::runCommand("/bin/sh", {"-c", "printf 'ok\\377'"}), "");

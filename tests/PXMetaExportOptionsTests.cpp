@@ -9,19 +9,12 @@
 namespace plexa {
 namespace {
 
+using test::compactJson;
 using test::frame;
-
-JsonValue parse(std::string_view text) {
-  auto value = PXJsonParse(text);
-  EXPECT_TRUE(value) << text;
-  return value.value_or(JsonValue());
-}
-
-std::string written(const JsonValue& value) { return PXJsonSerialize(value, false).value_or("<unwritable>"); }
 
 JsonObject exportable(const std::string& name, JsonObject f, std::string_view formats) {
   JsonObject l = test::layer("bitmap", "L1", name, std::move(f));
-  l["exportOptions"] = parse(std::string(R"({"exportFormats": )") + std::string(formats) + "}");
+  l["exportOptions"] = test::parseJson(std::string(R"({"exportFormats": )") + std::string(formats) + "}");
   return l;
 }
 
@@ -29,11 +22,17 @@ JsonArray options(const JsonObject& layer, const std::string& layerPath = "", co
   return PXMetaExportOptionsFromJSON(layer, "Doc", "Page", "Board", layerPath, assets);
 }
 
+// One member of every record, compact.
+std::string column(const JsonArray& records, std::string_view key) {
+  JsonArray values;
+  for (const auto& record : records) values.push_back(record.at(key));
+  return compactJson(values);
+}
+
 TEST(PXMetaExportOptionsPaths, NormalizeAndTrimComponentWise) {
-  EXPECT_EQ(PXNormalizePath("a/b"), "a_b");
-  EXPECT_EQ(PXNormalizePath("/a"), "/_a");
-  EXPECT_EQ(PXNormalizePath("a//b/"), "a_b_/");
-  EXPECT_EQ(PXNormalizePath(""), "");
+  const std::pair<const char*, const char*> normalized[] = {{"a/b", "a_b"}, {"/a", "/_a"}, {"a//b/", "a_b_/"},
+                                                            {"", ""}};
+  for (auto [path, expected] : normalized) EXPECT_EQ(PXNormalizePath(path), expected) << path;
   EXPECT_EQ(PXTrimmedPath(" Doc / My Page /  icon@2x.png "), "Doc/My Page/icon@2x.png");
   EXPECT_EQ(PXTrimmedPath("a//b"), "a/b");
   EXPECT_EQ(PXTrimmedPath("/a"), "//a");  // the root joins like any component
@@ -51,14 +50,12 @@ TEST(PXMetaExportOptionsRecords, ScaleAndPixelSize) {
       {"fileFormat": "png", "name": "@2x", "namingScheme": 0, "scale": 2},
       {"fileFormat": "jpg", "name": "", "namingScheme": 0, "scale": 0.3}])"));
   ASSERT_EQ(records.size(), 4u);
-  EXPECT_EQ(written(records[0]), R"({"name":"icon","format":"png","prefix":"","suffix":"","scale":1,)"
-                                 R"("path":"Doc/Page/Board/icon.png","width":11,"height":7})");
-  EXPECT_EQ(written(records[1].at("scale")), "1");  // vectors have no density
-  EXPECT_EQ(written(records[1].at("width")), "11");
-  EXPECT_EQ(written(records[2].at("width")), "21");  // ceil(20.4)
-  EXPECT_EQ(written(records[2].at("height")), "14");
-  EXPECT_EQ(written(records[3].at("scale")), "0.3");  // as the float prints
-  EXPECT_EQ(written(records[3].at("width")), "4");  // ceil(3.06)
+  EXPECT_EQ(compactJson(records[0]), R"({"name":"icon","format":"png","prefix":"","suffix":"","scale":1,)"
+                                     R"("path":"Doc/Page/Board/icon.png","width":11,"height":7})");
+  // Vectors have no density; 0.3 as the float prints; ceil(20.4) and ceil(3.06).
+  EXPECT_EQ(column(records, "scale"), "[1,1,2,0.3]");
+  EXPECT_EQ(column(records, "width"), "[11,11,21,4]");
+  EXPECT_EQ(column(records, "height"), "[7,7,14,3]");
 }
 
 TEST(PXMetaExportOptionsRecords, StorePrefixAndSuffixCrosswise) {
@@ -68,23 +65,19 @@ TEST(PXMetaExportOptionsRecords, StorePrefixAndSuffixCrosswise) {
       {"fileFormat": "png", "name": "x/y", "namingScheme": 0, "scale": 1},
       {"fileFormat": "pdf", "namingScheme": 1}])"),
                          "/Group/Inner");
-  ASSERT_EQ(records.size(), 4u);
-  EXPECT_EQ(records[0].at("prefix"), "@2x");
-  EXPECT_EQ(records[0].at("suffix"), "");
-  EXPECT_EQ(records[0].at("path"), "Doc/Page/Board/Group/Inner/a/b@2x.png");
-  EXPECT_EQ(records[1].at("prefix"), "");
-  EXPECT_EQ(records[1].at("suffix"), "x/y");
-  EXPECT_EQ(records[1].at("path"), "Doc/Page/Board/Group/Inner/x/ya/b.png");
-  EXPECT_EQ(records[2].at("prefix"), "xy");
-  EXPECT_EQ(records[2].at("path"), "Doc/Page/Board/Group/Inner/a/bxy.png");
-  EXPECT_EQ(records[3].at("path"), "Doc/Page/Board/Group/Inner/a/b.pdf");
+  EXPECT_EQ(column(records, "prefix"), R"(["@2x","","xy",""])");
+  EXPECT_EQ(column(records, "suffix"), R"(["","x/y","",""])");
+  EXPECT_EQ(column(records, "path"),
+            R"(["Doc/Page/Board/Group/Inner/a/b@2x.png","Doc/Page/Board/Group/Inner/x/ya/b.png",)"
+            R"("Doc/Page/Board/Group/Inner/a/bxy.png","Doc/Page/Board/Group/Inner/a/b.pdf"])");
 }
 
 TEST(PXMetaExportOptionsRecords, MergeAssetInformation) {
   JsonObject layer = exportable("icon", frame(0, 0, 4, 4), R"([
       {"fileFormat": "png", "name": "@2x", "namingScheme": 0, "scale": 2},
       {"fileFormat": "png", "name": "", "namingScheme": 0, "scale": 1}])");
-  JsonObject assets{{"L1@2x.png", parse(R"({"url": "https://cdn/1", "width": 99})")}, {"other", JsonObject{}}};
+  JsonObject assets{{"L1@2x.png", test::parseJson(R"({"url": "https://cdn/1", "width": 99})")},
+                    {"other", JsonObject{}}};
   auto records = options(layer, "", &assets);
   EXPECT_EQ(records[0].at("url"), "https://cdn/1");
   EXPECT_EQ(records[0].at("width"), 99) << "the asset's values win";
@@ -100,7 +93,7 @@ TEST(PXMetaExportImages, DescribeTheFilesToProduce) {
   layer["originalObjectID"] = "MASTER-COPY";
   auto records = PXMetaExportImagesFromJSON(layer, "Doc", "My/Page", " Board ", "AB", "/Group", "/out");
   ASSERT_EQ(records.size(), 2u);
-  EXPECT_EQ(written(records[0]),
+  EXPECT_EQ(compactJson(records[0]),
             R"({"originalObjectID":"MASTER-COPY","fullPath":"/out/AB/My_Page/Board/Group/x/y a/b .png",)"
             R"("objectID":"ORIGINAL","layerName":" a/b ","layerNameFormatted":"b ","layerPath":"My_Page/Board/Group/x/y a",)"
             R"("key":"xy.png"})");

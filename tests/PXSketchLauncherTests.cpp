@@ -7,56 +7,40 @@
 
 #include <gtest/gtest.h>
 
-#include <signal.h>
-#include <sys/wait.h>
-
-#include <cstdio>
-#include <cstdlib>
-
 using namespace plexa;
 using namespace plexa::test;
 using namespace std::chrono_literals;
 
 namespace {
 
-// A private session bus and copies of the test doubles for the whole program.
-class LauncherEnvironment : public PrivateSessionEnvironment {
- public:
-  LauncherEnvironment() : PrivateSessionEnvironment({"fake-sketch"}, true) {}
-  void SetUp() override {
-    PrivateSessionEnvironment::SetUp();
-    setenv("FAKE_SKETCH_LOG", (folder() + "/fake-sketch.log").c_str(), 1);
-  }
-  static std::string resources() { return folder(); }
-  static std::string fakeSketch() { return testDouble("fake-sketch"); }
-};
-[[maybe_unused]] auto* const gEnvironment = ::testing::AddGlobalTestEnvironment(new LauncherEnvironment);
-
-std::string fakeSketchLog() {
-  auto text = PXFileManager::readFile(LauncherEnvironment::resources() + "/fake-sketch.log");
-  return text.value_or("");
-}
+[[maybe_unused]] auto* const gEnvironment =
+    ::testing::AddGlobalTestEnvironment(new PrivateSessionEnvironment({"fake-sketch"}, true));
 
 void post(const char* name) { PXDistributedNotificationCenter::defaultCenter()->postNotificationName(name); }
 
 // Lets any notification already on its way arrive.
 void settle() { pumpMainUntil([] { return false; }, 300ms); }
 
-std::shared_ptr<PXSketchLauncher> makeLauncher(const TempDir& dir) {
-  auto launcher = PXSketchLauncher::make();
-  launcher->sketchToolPath = LauncherEnvironment::fakeSketch();
-  launcher->sketchPluginsFolderPath = dir / "Plugins";
-  PXFileManager::createDirectory(dir / "Plugins", true);
-  return launcher;
-}
+// A folder per test, with Sketch's plug-in folder and a log of what sketchtool was asked to run.
+class SketchLauncher : public ::testing::Test {
+ protected:
+  TempDir dir;
+  ScopedEnv log{"FAKE_SKETCH_LOG", dir / "fake-sketch.log"};
+  std::shared_ptr<PXSketchLauncher> launcher = makeLauncher();
+
+  std::shared_ptr<PXSketchLauncher> makeLauncher() {
+    auto made = PXSketchLauncher::make();
+    made->sketchToolPath = PrivateSessionEnvironment::testDouble("fake-sketch");
+    made->sketchPluginsFolderPath = dir / "Plugins";
+    PXFileManager::createDirectory(dir / "Plugins", true);
+    return made;
+  }
+};
 
 }  // namespace
 
-TEST(PXSketchLauncher, OpenRequestIsWrittenInStandardFormAndAnsweredOnce) {
-  TempDir dir;
+TEST_F(SketchLauncher, OpenRequestIsWrittenInStandardFormAndAnsweredOnce) {
   writeText(dir / "doc.sketch", "zip");
-  PXFileManager::removeItem(LauncherEnvironment::resources() + "/fake-sketch.log");
-  auto launcher = makeLauncher(dir);
 
   int calls = 0;
   std::optional<bool> found;
@@ -74,13 +58,10 @@ TEST(PXSketchLauncher, OpenRequestIsWrittenInStandardFormAndAnsweredOnce) {
   EXPECT_TRUE(onMain);
   EXPECT_FALSE(launcher->hasOnOpenDocumentHandler());
   EXPECT_EQ(JsonValue(JsonObject{{"filePath", dir / "doc.sketch"}}), readJson(PXSketchLauncher::openDocumentRequestPath()));
-  EXPECT_EQ(LauncherEnvironment::resources() + "/PXSketchLauncher.sketchplugin", PXSketchLauncher::pluginPath());
-  EXPECT_EQ("run " + PXSketchLauncher::pluginPath() + " openDocument\n", fakeSketchLog());
+  EXPECT_EQ("run " + PXSketchLauncher::pluginPath() + " openDocument\n", readText(dir / "fake-sketch.log"));
 }
 
-TEST(PXSketchLauncher, NotFoundClearsTheRequestAndLaterAnswersCallNothing) {
-  TempDir dir;
-  auto launcher = makeLauncher(dir);
+TEST_F(SketchLauncher, NotFoundClearsTheRequestAndLaterAnswersCallNothing) {
   std::vector<bool> answers;
   launcher->openDocument(dir / "missing.sketch", [&](bool f) { answers.push_back(f); });
   ASSERT_TRUE(pumpMainUntil([&] { return !answers.empty(); }));
@@ -111,10 +92,8 @@ TEST(PXSketchLauncher, NotFoundClearsTheRequestAndLaterAnswersCallNothing) {
   EXPECT_FALSE(released);
 }
 
-TEST(PXSketchLauncher, LaunchInstallsThePluginUntilSketchHasStarted) {
-  TempDir dir;
-  auto launcher = makeLauncher(dir);
-  launcher->launchCommandPath = LauncherEnvironment::fakeSketch();
+TEST_F(SketchLauncher, LaunchInstallsThePluginUntilSketchHasStarted) {
+  launcher->launchCommandPath = PrivateSessionEnvironment::testDouble("fake-sketch");
   launcher->launchArguments = {"app"};
   int startups = 0;
   std::optional<std::string> error = "not called";
@@ -124,7 +103,6 @@ TEST(PXSketchLauncher, LaunchInstallsThePluginUntilSketchHasStarted) {
     error = e;
   });
   std::string installed = dir / "Plugins/PXSketchLauncher.sketchplugin";
-  EXPECT_EQ(installed, launcher->installedPluginPath());
   EXPECT_TRUE(PXFileManager::fileExists(installed + "/Contents/Sketch/manifest.json"));
   EXPECT_EQ(1u, logs.count("failed to remove SketchLauncher plugin")) << "nothing was installed before";
 
@@ -139,9 +117,7 @@ TEST(PXSketchLauncher, LaunchInstallsThePluginUntilSketchHasStarted) {
   EXPECT_EQ(2u, logs.count("failed to remove SketchLauncher plugin"));
 }
 
-TEST(PXSketchLauncher, StartupRemovesTheInstalledPluginEvenWithoutAHandler) {
-  TempDir dir;
-  auto launcher = makeLauncher(dir);
+TEST_F(SketchLauncher, StartupRemovesTheInstalledPluginEvenWithoutAHandler) {
   launcher->installPluginToSketchFolder();
   ASSERT_TRUE(PXFileManager::fileExists(launcher->installedPluginPath()));
   post(PXSketchLauncherOnStartupNotification);
@@ -155,9 +131,7 @@ TEST(PXSketchLauncher, StartupRemovesTheInstalledPluginEvenWithoutAHandler) {
   EXPECT_TRUE(PXFileManager::fileExists(launcher->installedPluginPath() + "/Contents/Sketch/launcher.js"));
 }
 
-TEST(PXSketchLauncher, FailuresAreLoggedAndTheCommandsAreConfigurable) {
-  TempDir dir;
-  auto launcher = makeLauncher(dir);
+TEST_F(SketchLauncher, FailuresAreLoggedAndTheCommandsAreConfigurable) {
   LogCapture logs;
 
   // Sketch's plug-in folder missing: nothing installed.
@@ -167,11 +141,11 @@ TEST(PXSketchLauncher, FailuresAreLoggedAndTheCommandsAreConfigurable) {
   EXPECT_FALSE(PXFileManager::fileExists(launcher->installedPluginPath()));
 
   // "~" stands for the user's home folder.
-  std::string home = getenv("HOME") ? getenv("HOME") : "";
-  setenv("HOME", dir.path().c_str(), 1);
-  launcher->sketchPluginsFolderPath = "~/Plugins";
-  EXPECT_EQ(dir / "Plugins/PXSketchLauncher.sketchplugin", launcher->installedPluginPath());
-  setenv("HOME", home.c_str(), 1);
+  {
+    ScopedEnv home("HOME", dir.path());
+    launcher->sketchPluginsFolderPath = "~/Plugins";
+    EXPECT_EQ(dir / "Plugins/PXSketchLauncher.sketchplugin", launcher->installedPluginPath());
+  }
 
   launcher->killCommandPath = "/usr/bin/touch";
   launcher->killArguments = {dir / "killed"};
@@ -181,11 +155,11 @@ TEST(PXSketchLauncher, FailuresAreLoggedAndTheCommandsAreConfigurable) {
   // An unwritable request is logged; the command still runs and Sketch,
   // finding no request, answers NotFound.
   TempDir emptyResources;
-  std::string resources = LauncherEnvironment::resources();
-  setenv("PLEXA_RESOURCES_DIR", emptyResources.path().c_str(), 1);
   std::optional<bool> found;
-  launcher->openDocument(dir / "doc.sketch", [&](bool f) { found = f; });
-  setenv("PLEXA_RESOURCES_DIR", resources.c_str(), 1);
+  {
+    ScopedEnv resources("PLEXA_RESOURCES_DIR", emptyResources.path());
+    launcher->openDocument(dir / "doc.sketch", [&](bool f) { found = f; });
+  }
   ASSERT_TRUE(pumpMainUntil([&] { return found.has_value(); }));
   EXPECT_FALSE(*found);
   EXPECT_EQ(1u, logs.count("PXSketchLauncher failed to write openDocument.json"));

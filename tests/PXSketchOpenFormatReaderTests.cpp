@@ -26,8 +26,8 @@ JsonObject metaListing(std::initializer_list<std::pair<std::string, std::vector<
   return JsonObject{{"pagesAndArtboards", std::move(pagesAndArtboards)}};
 }
 
-std::shared_ptr<PXSketchOpenFormatReader> readerFor(const SketchFixture& fixture, const TempDir& dir) {
-  return PXSketchOpenFormatReader::folderReaderWithUnzippedSketchFolder(fixture.writeFolder(dir / "doc"));
+std::shared_ptr<PXSketchOpenFormatReader> readerFor(const SketchFixture& fixture, const std::string& folder) {
+  return PXSketchOpenFormatReader::folderReaderWithUnzippedSketchFolder(fixture.writeFolder(folder));
 }
 
 JsonObject ab(const std::string& id) { return artboard(id, "Artboard " + id, frame(0, 0, 100, 100)); }
@@ -38,14 +38,13 @@ TEST(PXSketchOpenFormatReaderValidity, EveryPartMustExist) {
   TempDir dir;
   SketchFixture full;
   full.addPage(page("P1", "Page", JsonArray{ab("A")}));
-  EXPECT_TRUE(readerFor(full, dir)->isValid());
+  EXPECT_TRUE(readerFor(full, dir / "doc")->isValid());
 
   for (const std::string missing : {"previews/", "images/", "pages/", "meta.json", "user.json", "document.json"}) {
     SCOPED_TRACE(missing);
-    TempDir other;
     SketchFixture partial = full;
     partial.omitEntry(missing);
-    EXPECT_FALSE(readerFor(partial, other)->isValid());
+    EXPECT_FALSE(readerFor(partial, dir / ("without-" + missing))->isValid());
   }
 
   writeText(dir / "plain-file", "x");
@@ -57,7 +56,7 @@ TEST(PXSketchOpenFormatReaderLoading, MissingAndMalformedFiles) {
   TempDir dir;
   SketchFixture fixture;
   fixture.addPage(page("P1", "Page", JsonArray{ab("A")}));
-  auto reader = readerFor(fixture, dir);
+  auto reader = readerFor(fixture, dir / "doc");
   std::string root = reader->rootFolderPath();
 
   // A malformed page is logged on every attempt and picked up once repaired.
@@ -101,7 +100,7 @@ TEST(PXSketchOpenFormatReaderQuestions, PageIndexUsesContainment) {
   TempDir dir;
   SketchFixture fixture;
   fixture.setDocument(JsonObject{{"pages", JsonArray{ref("ABC-1"), ref("ABC"), ref("XYZ")}}});
-  auto reader = readerFor(fixture, dir);
+  auto reader = readerFor(fixture, dir / "doc");
   EXPECT_EQ(reader->pageIndexByPageID("ABC"), 0) << "the first reference containing the ID wins";
   EXPECT_EQ(reader->pageIndexByPageID("ABC-1"), 0);
   EXPECT_EQ(reader->pageIndexByPageID("XYZ"), 2);
@@ -109,10 +108,9 @@ TEST(PXSketchOpenFormatReaderQuestions, PageIndexUsesContainment) {
   EXPECT_EQ(reader->pageIndexByPageID("QQQ"), PXSketchOpenFormatReader::NotFound);
   EXPECT_EQ(reader->pageIndexByPageID(std::nullopt), 9223372036854775807);
 
-  TempDir other;
   SketchFixture wrongType;
   wrongType.setDocument(JsonObject{{"pages", "pages/ABC"}});
-  EXPECT_EQ(readerFor(wrongType, other)->pageIndexByPageID("ABC"), PXSketchOpenFormatReader::NotFound);
+  EXPECT_EQ(readerFor(wrongType, dir / "other")->pageIndexByPageID("ABC"), PXSketchOpenFormatReader::NotFound);
 }
 
 TEST(PXSketchOpenFormatReaderQuestions, SortedArtboardIDsFollowDocumentOrder) {
@@ -125,32 +123,29 @@ TEST(PXSketchOpenFormatReaderQuestions, SortedArtboardIDsFollowDocumentOrder) {
       .setDocument(JsonObject{{"pages", JsonArray{ref("P1"), ref("GONE"), ref("P2")}}})
       // R is listed though it is no artboard; Z and M live on a page with no file.
       .setMeta(metaListing({{"P2", {"D", "E", "R"}}, {"P1", {"C", "A", "B"}}, {"GONE", {"Z", "M"}}}));
-  auto reader = readerFor(fixture, dir);
+  auto reader = readerFor(fixture, dir / "doc");
 
   EXPECT_EQ(reader->artboardIDs(), (std::vector<std::string>{"D", "E", "R", "C", "A", "B", "Z", "M"}));
   EXPECT_EQ(reader->sortedArtboardIDs(), (std::vector<std::string>{"C", "B", "A", "E", "R", "D", "M", "Z"}));
 
   // An ID listed twice is placed once.
-  TempDir other;
   SketchFixture twice;
   twice.addPage(page("P1", "One", JsonArray{ab("A"), ab("A")}))
       .setMeta(metaListing({{"P1", {"A"}}, {"P9", {"A"}}}));
-  EXPECT_EQ(readerFor(twice, other)->sortedArtboardIDs(), std::vector<std::string>{"A"});
+  EXPECT_EQ(readerFor(twice, dir / "other")->sortedArtboardIDs(), std::vector<std::string>{"A"});
 }
 
 TEST(PXSketchOpenFormatReaderQuestions, ArtboardLookups) {
   TempDir dir;
   JsonObject master = layer("symbolMaster", "S", "Button", frame(0, 0, 80, 30));
   JsonObject group = layer("group", "G", "Group", frame(0, 0, 10, 10), JsonArray{ab("NESTED")});
-  JsonObject older = ab("DUP");
-  older["name"] = "older";
-  JsonObject newer = ab("DUP");
-  newer["name"] = "newer";
+  JsonObject older = artboard("DUP", "older", frame(0, 0, 100, 100));
+  JsonObject newer = artboard("DUP", "newer", frame(0, 0, 100, 100));
   SketchFixture fixture;
   fixture.addPage(page("P1", "One", JsonArray{ab("A"), master, group, older, newer}))
       .addPage(page("P2", "Two", JsonArray{ab("B")}))
       .setMeta(metaListing({{"P1", {"A", "S", "G", "NESTED", "DUP", "B"}}, {"P2", {"B"}}}));
-  auto reader = readerFor(fixture, dir);
+  auto reader = readerFor(fixture, dir / "doc");
 
   EXPECT_EQ(reader->pageIDByArtboardID("A"), "P1");
   EXPECT_EQ(reader->pageIDByArtboardID("B"), "P2") << "the page visited last wins";
@@ -190,7 +185,7 @@ TEST(PXSketchOpenFormatReaderHostile, PageIDsNeverLeaveThePagesFolder) {
       .setDocument(JsonObject{{"pages", JsonArray{JsonObject{{"_ref", "pages/../../secret"}}, ref("P1"),
                                                   JsonObject{{"_ref", 42}}}}})
       .setMeta(metaListing({{"../../secret", {"A"}}, {"P1", {"B"}}}));
-  auto reader = readerFor(fixture, dir);
+  auto reader = readerFor(fixture, dir / "doc");
 
   for (const std::string id : {"../secret", "../../secret", "/etc/passwd", "..", ".", ""})
     EXPECT_EQ(reader->pageJSONByID(id), nullptr) << id;
@@ -205,7 +200,7 @@ TEST(PXSketchOpenFormatReaderConcurrency, ThreadsShareOneParsedPage) {
   JsonArray many;
   for (int i = 0; i < 2000; ++i) many.push_back(ab("A" + std::to_string(i)));
   fixture.addPage(page("P1", "One", std::move(many)));
-  auto reader = readerFor(fixture, dir);
+  auto reader = readerFor(fixture, dir / "doc");
 
   std::vector<PXSketchOpenFormatReader::Dictionary> seen(8);
   std::vector<std::thread> threads;

@@ -17,30 +17,6 @@ namespace {
 
 const std::string kFakeSketchtool = PLEXA_TEST_BINARY_DIR "/fake-sketchtool";
 
-// Sets an environment variable for one scope and puts the old value back.
-class ScopedEnv {
- public:
-  ScopedEnv(const char* name, const std::optional<std::string>& value) : name_(name) {
-    if (const char* old = std::getenv(name)) old_ = old;
-    if (value) {
-      setenv(name, value->c_str(), 1);
-    } else {
-      unsetenv(name);
-    }
-  }
-  ~ScopedEnv() {
-    if (old_) {
-      setenv(name_, old_->c_str(), 1);
-    } else {
-      unsetenv(name_);
-    }
-  }
-
- private:
-  const char* name_;
-  std::optional<std::string> old_;
-};
-
 class ScopedLocations {
  public:
   explicit ScopedLocations(std::vector<std::string> locations) : old_(PXSketchTool::configuredLocations()) {
@@ -58,9 +34,16 @@ std::string makeExecutable(const std::string& path, const std::string& script) {
   return path;
 }
 
+// A tool that is a shell script with this body.
+std::shared_ptr<PXSketchTool> scriptTool(const std::string& path, const std::string& body) {
+  return PXSketchTool::sketchToolWithPath(makeExecutable(path, "#!/bin/sh\n" + body));
+}
+
+using File = std::tuple<std::optional<std::string>, std::optional<std::string>, std::string>;
+
 // What one export reported, gathered on the main thread.
 struct ExportRun {
-  std::vector<std::tuple<std::optional<std::string>, std::optional<std::string>, std::string>> files;
+  std::vector<File> files;
   std::optional<bool> success;
 
   PXSketchTool::ProgressHandler progress() {
@@ -70,85 +53,64 @@ struct ExportRun {
   PXSketchTool::Completion completion() {
     return [this](bool ok) { success = ok; };
   }
+  // Starts an export of these artboards at scale 1 as PNG.
+  std::shared_ptr<PXCommand> start(PXSketchTool& tool, const std::vector<std::string>& IDs = {"A"}) {
+    return tool.sketchFilePath("doc.sketch", IDs, "/o", true, 1, 0.7, "png", progress(), completion());
+  }
   bool wait(std::chrono::milliseconds timeout = 10s) {
     return test::pumpMainUntil([this] { return success.has_value(); }, timeout);
   }
 };
 
-using File = std::tuple<std::optional<std::string>, std::optional<std::string>, std::string>;
-
 }  // namespace
 
-TEST(PXSketchToolCommandLines, ArtboardExportArgumentsAreExact) {
-  EXPECT_EQ(PXSketchTool::exportArtboardsArguments("/d/My File.sketch", {"A1", "B2", "C3"}, "/out", true, 1, 0.7,
-                                                   "png"),
-            (std::vector<std::string>{"export", "artboards", "/d/My File.sketch", "--output=/out",
-                                      "--items=A1,B2,C3", "--save-for-web=YES", "--scale=1", "--formats=png",
-                                      "--compression=0.7", "--use-id-for-name=YES"}));
-  auto scaled = PXSketchTool::exportArtboardsArguments("f", {"A1"}, "o", false, 2, 0.7, "jpg");
-  EXPECT_EQ(scaled[4], "--items=A1");
-  EXPECT_EQ(scaled[5], "--save-for-web=NO");
-  EXPECT_EQ(scaled[6], "--scale=2");
-  EXPECT_EQ(scaled[7], "--formats=jpg");
-  EXPECT_EQ(PXSketchTool::exportArtboardsArguments("f", {}, "o", true, 0.5, 1, "png")[6], "--scale=0.5");
-  EXPECT_EQ(PXSketchTool::exportArtboardsArguments("f", {}, "o", true, 0.5, 1, "png")[4], "--items=");
-  EXPECT_EQ(PXSketchTool::formatNumber(1.5), "1.5");
-  EXPECT_EQ(PXSketchTool::formatNumber(0.9), "0.9");
-  EXPECT_EQ(PXSketchTool::formatNumber(3), "3");
-}
-
-TEST(PXSketchToolCommandLines, LayerExportArgumentsAreExact) {
+// The next case checks a whole artboard command line as the tool gets it.
+TEST(PXSketchToolCommandLines, ArgumentsAreExact) {
+  EXPECT_EQ(PXSketchTool::exportArtboardsArguments("f", {}, "o", false, 0.5, 1, "jpg"),
+            (std::vector<std::string>{"export", "artboards", "f", "--output=o", "--items=", "--save-for-web=NO",
+                                      "--scale=0.5", "--formats=jpg", "--compression=1", "--use-id-for-name=YES"}));
   EXPECT_EQ(PXSketchTool::exportLayersArguments("doc.sketch", {"L1", "L2"}, "/out", true, false, 0.9),
             (std::vector<std::string>{"export", "layers", "doc.sketch", "--output=/out", "--items=L1,L2",
                                       "--save-for-web=NO", "--compression=0.9", "--use-id-for-name=YES"}));
-  EXPECT_EQ(PXSketchTool::exportLayersArguments("doc.sketch", {}, "/out", false, true, 1)[7],
-            "--use-id-for-name=NO");
+  EXPECT_EQ(PXSketchTool::exportLayersArguments("doc.sketch", {}, "/out", false, true, 1)[7], "--use-id-for-name=NO");
 }
 
 TEST(PXSketchToolCommandLines, TheToolReceivesTheArgumentsUnchanged) {
   test::TempDir dir;
-  std::string tool = makeExecutable(dir / "tool", "#!/bin/sh\nfor a in \"$@\"; do echo \"$a\" >> \"$0.args\"; done\n");
-  auto sketchtool = PXSketchTool::sketchToolWithPath(tool);
+  auto tool = scriptTool(dir / "tool", "for a in \"$@\"; do echo \"$a\" >> \"$0.args\"; done\n");
   ExportRun run;
-  sketchtool->sketchFilePath("/d/a b.sketch", {"A 1"}, "/o", true, 2, 0.7, "png", run.progress(), run.completion());
+  tool->sketchFilePath("/d/a b.sketch", {"A 1", "B2"}, "/o", true, 2, 0.7, "png", run.progress(), run.completion());
   ASSERT_TRUE(run.wait());
-  EXPECT_EQ(test::readText(tool + ".args"),
-            "export\nartboards\n/d/a b.sketch\n--output=/o\n--items=A 1\n--save-for-web=YES\n--scale=2\n"
+  EXPECT_EQ(test::readText(dir / "tool.args"),
+            "export\nartboards\n/d/a b.sketch\n--output=/o\n--items=A 1,B2\n--save-for-web=YES\n--scale=2\n"
             "--formats=png\n--compression=0.7\n--use-id-for-name=YES\n");
   EXPECT_TRUE(*run.success);
 }
 
-TEST(PXSketchToolLocation, EnvironmentThenConfiguredLocationsThenPath) {
+TEST(PXSketchToolLocation, EnvironmentThenConfiguredLocationsThenPathThenNothing) {
   test::TempDir dir;
   std::string fromEnvironment = makeExecutable(dir / "env-tool", "#!/bin/sh\n");
   std::string configured = makeExecutable(dir / "configured-tool", "#!/bin/sh\n");
   PXFileManager::createDirectory(dir / "bin", true);
   std::string onPath = makeExecutable(dir / "bin/sketchtool", "#!/bin/sh\n");
-
   ScopedLocations locations({dir / "missing-tool", configured});
-  ScopedEnv path("PATH", dir / "bin");
-  {
-    ScopedEnv env("sketchToolPath", fromEnvironment);
-    EXPECT_EQ(PXSketchTool::defaultPath(), fromEnvironment);
+  test::ScopedEnv path("PATH", dir / "bin");
+  test::ScopedEnv env("sketchToolPath", fromEnvironment);
+  EXPECT_EQ(PXSketchTool::defaultPath(), fromEnvironment);
+  for (const std::string& unusable : {std::string(), dir / "nope", dir.path()}) {
+    setenv("sketchToolPath", unusable.c_str(), 1);
+    EXPECT_EQ(PXSketchTool::defaultPath(), configured) << unusable;
   }
-  for (std::optional<std::string> unusable : {std::optional<std::string>(""), std::optional<std::string>(dir / "nope"),
-                                              std::optional<std::string>(dir.path()), std::optional<std::string>()}) {
-    ScopedEnv env("sketchToolPath", unusable);
-    EXPECT_EQ(PXSketchTool::defaultPath(), configured) << unusable.value_or("(unset)");
-  }
-  ScopedEnv env("sketchToolPath", std::nullopt);
+  unsetenv("sketchToolPath");
+  EXPECT_EQ(PXSketchTool::defaultPath(), configured);
+
   PXSketchTool::setConfiguredLocations({dir / "missing-tool"});
   EXPECT_EQ(PXSketchTool::defaultPath(), onPath);
   auto tool = PXSketchTool::sketchToolWithPath(std::nullopt);
   ASSERT_TRUE(tool);
   EXPECT_EQ(tool->execPath, onPath);
-}
 
-TEST(PXSketchToolLocation, NothingFoundIsAbsentAndLogged) {
-  test::TempDir dir;
-  ScopedLocations locations({dir / "missing-tool"});
-  ScopedEnv path("PATH", dir.path());
-  ScopedEnv env("sketchToolPath", std::nullopt);
+  setenv("PATH", dir.path().c_str(), 1);
   test::LogCapture log;
   EXPECT_FALSE(PXSketchTool::defaultPath());
   EXPECT_FALSE(PXSketchTool::sketchToolWithPath(std::nullopt));
@@ -175,38 +137,33 @@ TEST(PXSketchToolIDs, CutAtAtOrDotThenExactThenSubstring) {
 
 TEST(PXSketchToolOutput, ArtboardLinesReportFilesAndAnyOtherTextSpoilsSuccess) {
   test::TempDir dir;
-  auto tool = PXSketchTool::sketchToolWithPath(makeExecutable(
-      dir / "tool", "#!/bin/sh\nprintf 'Exported A1@2x.png\\n\\nExported junk.png\\nWarning: font missing\\n"
-                    "Exported B2.png'\n"));
+  auto tool = scriptTool(
+      dir / "tool", "printf 'Exported A1@2x.png\\n\\nExported junk.png\\nWarning: font missing\\nExported B2.png'\n");
   test::LogCapture log;
   ExportRun run;
-  tool->sketchFilePath("doc.sketch", {"A1", "B2"}, "/o", true, 2, 0.7, "png", run.progress(), run.completion());
+  run.start(*tool, {"A1", "B2"});
   ASSERT_TRUE(run.wait());
   EXPECT_EQ(run.files, (std::vector<File>{{"A1", "@2x.png", "A1@2x.png"}, {"B2", ".png", "B2.png"}}));
   EXPECT_FALSE(*run.success);
   EXPECT_TRUE(log.contains("Could not find artboardID for file junk.png"));
 
-  auto blankLinesOnly = PXSketchTool::sketchToolWithPath(
-      makeExecutable(dir / "blank", "#!/bin/sh\nprintf '\\n\\nExported A1.png\\n\\n'\n"));
-  ExportRun clean;
-  blankLinesOnly->sketchFilePath("doc.sketch", {"A1"}, "/o", true, 1, 0.7, "png", clean.progress(),
-                                 clean.completion());
+  // Blank lines are no other text, and no output at all is no failure.
+  auto blankLines = scriptTool(dir / "blank", "printf '\\n\\nExported A1.png\\n\\n'\n");
+  auto silent = scriptTool(dir / "silent", "");
+  ExportRun clean, nothing;
+  clean.start(*blankLines, {"A1"});
+  nothing.start(*silent, {"A1"});
   ASSERT_TRUE(clean.wait());
+  ASSERT_TRUE(nothing.wait());
   EXPECT_TRUE(*clean.success);
   EXPECT_EQ(clean.files.size(), 1u);
-
-  auto silent = PXSketchTool::sketchToolWithPath("/bin/true");
-  ExportRun nothing;
-  silent->sketchFilePath("doc.sketch", {"A1"}, "/o", true, 1, 0.7, "png", nothing.progress(), nothing.completion());
-  ASSERT_TRUE(nothing.wait());
   EXPECT_TRUE(*nothing.success);
   EXPECT_TRUE(nothing.files.empty());
 }
 
 TEST(PXSketchToolOutput, LayerLinesAreAllReportedEvenWithoutAnID) {
   test::TempDir dir;
-  auto tool = PXSketchTool::sketchToolWithPath(makeExecutable(
-      dir / "tool", "#!/bin/sh\nprintf 'Exported L1@2x.png\\nExported icon-L2.png\\nExported stray.png\\n'\n"));
+  auto tool = scriptTool(dir / "tool", "printf 'Exported L1@2x.png\\nExported icon-L2.png\\nExported stray.png\\n'\n");
   PXFileManager::createDirectory(dir / "out", true);
   test::LogCapture log;
   ExportRun run;
@@ -230,10 +187,10 @@ TEST(PXSketchToolOutput, LayerLinesAreAllReportedEvenWithoutAnID) {
 
 TEST(PXSketchToolRunning, CommandsAreTrackedUntilTheirCompletion) {
   test::TempDir dir;
-  auto tool = PXSketchTool::sketchToolWithPath(makeExecutable(dir / "tool", "#!/bin/sh\nsleep 0.3\n"));
+  auto tool = scriptTool(dir / "tool", "sleep 0.3\n");
   ExportRun first, second;
-  EXPECT_TRUE(tool->sketchFilePath("d", {"A"}, "/o", true, 1, 0.7, "png", first.progress(), first.completion()));
-  EXPECT_TRUE(tool->sketchFilePath("d", {"B"}, "/o", true, 1, 0.7, "png", second.progress(), second.completion()));
+  EXPECT_TRUE(first.start(*tool));
+  EXPECT_TRUE(second.start(*tool));
   EXPECT_EQ(tool->commandCount(), 2u);
   ASSERT_TRUE(first.wait());
   ASSERT_TRUE(second.wait());
@@ -242,20 +199,18 @@ TEST(PXSketchToolRunning, CommandsAreTrackedUntilTheirCompletion) {
 
 TEST(PXSketchToolRunning, CancelAndReleaseKillTheRunningExport) {
   test::TempDir dir;
-  std::string slow = makeExecutable(dir / "tool", "#!/bin/sh\necho 'Exported A.png'\nexec sleep 30\n");
-  auto tool = PXSketchTool::sketchToolWithPath(slow);
+  auto tool = scriptTool(dir / "tool", "echo 'Exported A.png'\nexec sleep 30\n");
   ExportRun cancelled;
-  tool->sketchFilePath("d", {"A"}, "/o", true, 1, 0.7, "png", cancelled.progress(), cancelled.completion());
+  cancelled.start(*tool);
   ASSERT_TRUE(test::pumpMainUntil([&] { return !cancelled.files.empty(); }));
   tool->cancel();
-  EXPECT_TRUE(tool->isCancelled());
   ASSERT_TRUE(cancelled.wait(5s));
   EXPECT_TRUE(*cancelled.success);
   EXPECT_EQ(tool->commandCount(), 0u);
 
-  auto released = PXSketchTool::sketchToolWithPath(slow);
+  auto released = PXSketchTool::sketchToolWithPath(tool->execPath);
   ExportRun dropped;
-  released->sketchFilePath("d", {"A"}, "/o", true, 1, 0.7, "png", dropped.progress(), dropped.completion());
+  dropped.start(*released);
   ASSERT_TRUE(test::pumpMainUntil([&] { return !dropped.files.empty(); }));
   released.reset();
   EXPECT_TRUE(dropped.wait(5s));
@@ -265,7 +220,7 @@ TEST(PXSketchToolRunning, AToolThatCannotStartStillCompletes) {
   auto tool = PXSketchTool::sketchToolWithPath("/nonexistent/sketchtool");
   test::LogCapture log;
   ExportRun run;
-  EXPECT_FALSE(tool->sketchFilePath("d", {"A"}, "/o", true, 1, 0.7, "png", run.progress(), run.completion()));
+  EXPECT_FALSE(run.start(*tool));
   ASSERT_TRUE(run.wait());
   EXPECT_FALSE(*run.success);
   EXPECT_EQ(tool->commandCount(), 0u);
@@ -274,18 +229,17 @@ TEST(PXSketchToolRunning, AToolThatCannotStartStillCompletes) {
 
 TEST(PXSketchToolMetadata, ReturnsTheOutputAndItsJSON) {
   test::TempDir dir;
-  std::string sketch = test::SketchFixture()
-                           .addPage(test::page("P1", "Page", {test::artboard("A1", "Board", test::frame(0, 0, 10, 10))}))
-                           .writeSketch(dir / "doc.sketch");
-  auto tool = PXSketchTool::sketchToolWithPath(kFakeSketchtool);
+  std::string sketch =
+      test::SketchFixture()
+          .addPage(test::page("P1", "Page", {test::artboard("A1", "Board", test::frame(0, 0, 10, 10))}))
+          .writeSketch(dir / "doc.sketch");
   std::optional<JsonValue> json;
-  std::string output = tool->metadataForSketchFilePath(sketch, &json);
+  std::string output = PXSketchTool::sketchToolWithPath(kFakeSketchtool)->metadataForSketchFilePath(sketch, &json);
   ASSERT_TRUE(json);
-  EXPECT_EQ(*PXJsonSerialize(*json, false), output);
+  EXPECT_EQ(test::compactJson(*json), output);
   EXPECT_TRUE(PXJsonObjectFor(&*json, "pagesAndArtboards"));
 
-  auto notJSON = PXSketchTool::sketchToolWithPath(makeExecutable(dir / "tool", "#!/bin/sh\necho oops\n"));
   std::optional<JsonValue> none = JsonValue(1);
-  EXPECT_EQ(notJSON->metadataForSketchFilePath(sketch, &none), "oops\n");
+  EXPECT_EQ(scriptTool(dir / "tool", "echo oops\n")->metadataForSketchFilePath(sketch, &none), "oops\n");
   EXPECT_FALSE(none);
 }

@@ -1,19 +1,11 @@
 #include "PXSymbolDetacher.h"
 
 #include "Files.h"
-#include "MainQueue.h"
-#include "PXSketchLauncher.h"
 #include "SessionBus.h"
 #include "TestSupport.h"
 #include "Zip.h"
 
 #include <gtest/gtest.h>
-
-#include <signal.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 
 using namespace plexa;
 using namespace plexa::test;
@@ -21,29 +13,8 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// A private session bus and copies of the test doubles for the whole program.
-class DetacherEnvironment : public PrivateSessionEnvironment {
- public:
-  DetacherEnvironment() : PrivateSessionEnvironment({"fake-sketch"}, true) {}
-  void SetUp() override {
-    PrivateSessionEnvironment::SetUp();
-    setenv("FAKE_SKETCH_LOG", (folder() + "/fake-sketch.log").c_str(), 1);
-  }
-  static std::string resources() { return folder(); }
-  static std::string fakeSketch() { return testDouble("fake-sketch"); }
-};
-[[maybe_unused]] auto* const gEnvironment = ::testing::AddGlobalTestEnvironment(new DetacherEnvironment);
-
-std::vector<std::string> fakeSketchCommands() {
-  auto text = PXFileManager::readFile(DetacherEnvironment::resources() + "/fake-sketch.log").value_or("");
-  std::vector<std::string> commands;
-  for (size_t start = 0, end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
-    std::string line = text.substr(start, end - start);
-    // "run PLUGIN COMMAND" lines are what sketchtool was asked to do.
-    if (line.rfind("run ", 0) == 0) commands.push_back(line.substr(line.rfind(' ') + 1));
-  }
-  return commands;
-}
+[[maybe_unused]] auto* const gEnvironment =
+    ::testing::AddGlobalTestEnvironment(new PrivateSessionEnvironment({"fake-sketch"}, true));
 
 struct Progress : PXSymbolDetacherDelegate {
   std::vector<std::pair<uint64_t, uint64_t>> steps;
@@ -52,18 +23,11 @@ struct Progress : PXSymbolDetacherDelegate {
   }
 };
 
-struct Outcome {
-  int calls = 0;
-  bool success = false;
-  std::optional<std::string> message;
-  PXSymbolDetacher::Completion block() {
-    return [this](bool s, const std::optional<std::string>& m) {
-      ++calls;
-      success = s;
-      message = m;
-    };
-  }
-};
+// Every call of a completion: success and message.
+using Calls = std::vector<std::pair<bool, std::optional<std::string>>>;
+PXSymbolDetacher::Completion recordInto(Calls& calls) {
+  return [&calls](bool success, const std::optional<std::string>& message) { calls.emplace_back(success, message); };
+}
 
 // One artboard with one instance of a button symbol.
 std::string writeDocument(const TempDir& dir) {
@@ -86,18 +50,33 @@ void postDetach(const char* name, JsonObject userInfo) {
 
 void settle() { pumpMainUntil([] { return false; }, 300ms); }
 
-std::shared_ptr<PXSymbolDetacher> makeDetacher(const std::string& document) {
-  PXFileManager::removeItem(DetacherEnvironment::resources() + "/fake-sketch.log");
-  auto detacher = PXSymbolDetacher::make();
-  detacher->sketchFilePath = document;
-  detacher->sketchToolPath = DetacherEnvironment::fakeSketch();
-  return detacher;
-}
+// A folder per test, with its own log of what sketchtool was asked to run.
+class SymbolDetacher : public ::testing::Test {
+ protected:
+  TempDir dir;
+  ScopedEnv log{"FAKE_SKETCH_LOG", dir / "fake-sketch.log"};
+
+  std::shared_ptr<PXSymbolDetacher> makeDetacher(const std::string& document) {
+    auto detacher = PXSymbolDetacher::make();
+    detacher->sketchFilePath = document;
+    detacher->sketchToolPath = PrivateSessionEnvironment::testDouble("fake-sketch");
+    return detacher;
+  }
+  // The COMMAND of each "run PLUGIN COMMAND" line.
+  std::vector<std::string> fakeSketchCommands() const {
+    auto text = PXFileManager::readFile(dir / "fake-sketch.log").value_or("");
+    std::vector<std::string> commands;
+    for (size_t start = 0, end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
+      std::string line = text.substr(start, end - start);
+      if (line.rfind("run ", 0) == 0) commands.push_back(line.substr(line.rfind(' ') + 1));
+    }
+    return commands;
+  }
+};
 
 }  // namespace
 
-TEST(PXSymbolDetacher, AsynchronousDetachRunsStartThenEndAndCompletesOnce) {
-  TempDir dir;
+TEST_F(SymbolDetacher, AsynchronousDetachRunsStartThenEndAndCompletesOnce) {
   auto detacher = makeDetacher(writeDocument(dir));
   auto progress = std::make_shared<Progress>();
   detacher->delegate = progress;
@@ -107,9 +86,9 @@ TEST(PXSymbolDetacher, AsynchronousDetachRunsStartThenEndAndCompletesOnce) {
   detacher->detachingArtboardIds = {"A1"};
   LogCapture logs;
 
-  Outcome outcome;
-  ASSERT_TRUE(detacher->detachOnCompletion(outcome.block()));
-  ASSERT_TRUE(pumpMainUntil([&] { return detacher->isDetaching() || outcome.calls > 0; }));
+  Calls outcome;
+  ASSERT_TRUE(detacher->detachOnCompletion(recordInto(outcome)));
+  ASSERT_TRUE(pumpMainUntil([&] { return detacher->isDetaching() || !outcome.empty(); }));
 
   // While it runs: the plug-in's configuration is in place and a second start is refused.
   EXPECT_EQ(JsonValue(JsonObject{{"filePath", dir / "doc.sketch"},
@@ -120,15 +99,12 @@ TEST(PXSymbolDetacher, AsynchronousDetachRunsStartThenEndAndCompletesOnce) {
                                  {"detachMethod", "selection"},
                                  {"detachingArtboardIds", JsonArray{"A1"}}}),
             readJson(PXSymbolDetacher::configurationFilePath()));
-  Outcome refused;
-  EXPECT_FALSE(detacher->detachOnCompletion(refused.block()));
-  EXPECT_EQ(1, refused.calls);
-  EXPECT_FALSE(refused.success);
-  EXPECT_EQ(std::optional<std::string>("Detach already in progress"), refused.message);
+  Calls refused;
+  EXPECT_FALSE(detacher->detachOnCompletion(recordInto(refused)));
+  EXPECT_EQ((Calls{{false, "Detach already in progress"}}), refused);
 
-  ASSERT_TRUE(pumpMainUntil([&] { return outcome.calls > 0; }));
-  EXPECT_TRUE(outcome.success);
-  EXPECT_FALSE(outcome.message);
+  ASSERT_TRUE(pumpMainUntil([&] { return !outcome.empty(); }));
+  EXPECT_EQ((Calls{{true, std::nullopt}}), outcome);
   EXPECT_FALSE(detacher->isDetaching());
   EXPECT_FALSE(PXFileManager::fileExists(PXSymbolDetacher::configurationFilePath()));
   EXPECT_EQ((std::vector<std::string>{"openDocument", "detachDocumentAsyncStart", "detachDocumentAsyncEnd"}),
@@ -136,29 +112,20 @@ TEST(PXSymbolDetacher, AsynchronousDetachRunsStartThenEndAndCompletesOnce) {
   EXPECT_EQ((std::vector<std::pair<uint64_t, uint64_t>>{{0, 4}, {1, 4}, {2, 4}, {3, 4}, {4, 4}, {4, 4}}),
             progress->steps);
   // Sketch saved a detached copy: the instance is gone from the artboard's page.
-  auto detachedPage = PXZip::readEntry(dir / "detached.sketch", "pages/P1.json");
-  ASSERT_TRUE(detachedPage);
-  EXPECT_EQ(std::string::npos, detachedPage->find("\"symbolInstance\""));
-  EXPECT_NE(std::string::npos, detachedPage->find("\"Label\"")) << "the master's layers are copied in";
+  auto detachedPage = PXZip::readEntry(dir / "detached.sketch", "pages/P1.json").value_or("");
+  EXPECT_EQ(std::string::npos, detachedPage.find("\"symbolInstance\""));
+  EXPECT_NE(std::string::npos, detachedPage.find("\"Label\"")) << "the master's layers are copied in";
   EXPECT_EQ(1u, logs.count("Detach async cleanup complete"));
 
   // A late, second did-detach only logs; nothing runs or completes again.
   postDetach(PlexaExtractSymbolDetacherDidDetachNotification,
              JsonObject{{"file", dir / "doc.sketch"}, {"index", 4}, {"count", 4}});
   ASSERT_TRUE(pumpMainUntil([&] { return logs.contains("Detach async cleanup already completed"); }));
-  EXPECT_EQ(1, outcome.calls);
+  EXPECT_EQ(1u, outcome.size());
   EXPECT_EQ(3u, fakeSketchCommands().size());
-
-  // Once finished, a new detach may start.
-  Outcome again;
-  EXPECT_TRUE(detacher->detachOnCompletion(again.block()));
-  ASSERT_TRUE(pumpMainUntil([&] { return again.calls > 0; }));
-  EXPECT_TRUE(again.success);
-  settle();
 }
 
-TEST(PXSymbolDetacher, SynchronousDetachCompletesWhenTheCommandReturns) {
-  TempDir dir;
+TEST_F(SymbolDetacher, SynchronousDetachCompletesWhenTheCommandReturns) {
   auto detacher = makeDetacher(writeDocument(dir));
   auto progress = std::make_shared<Progress>();
   detacher->delegate = progress;
@@ -166,10 +133,9 @@ TEST(PXSymbolDetacher, SynchronousDetachCompletesWhenTheCommandReturns) {
   detacher->saveAsPath = dir / "detached.sketch";
   LogCapture logs;
 
-  Outcome outcome;
-  ASSERT_TRUE(detacher->detachOnCompletion(outcome.block()));
-  ASSERT_TRUE(pumpMainUntil([&] { return outcome.calls > 0; }));
-  EXPECT_TRUE(outcome.success);
+  Calls outcome;
+  ASSERT_TRUE(detacher->detachOnCompletion(recordInto(outcome)));
+  ASSERT_TRUE(pumpMainUntil([&] { return !outcome.empty(); }));
   EXPECT_FALSE(PXFileManager::fileExists(PXSymbolDetacher::configurationFilePath()));
   EXPECT_TRUE(PXFileManager::fileExists(dir / "detached.sketch"));
   EXPECT_EQ((std::vector<std::string>{"openDocument", "detachDocument"}), fakeSketchCommands());
@@ -177,37 +143,33 @@ TEST(PXSymbolDetacher, SynchronousDetachCompletesWhenTheCommandReturns) {
   // The plug-in's notifications still report progress; the did-detach finds no clean-up to do.
   ASSERT_TRUE(pumpMainUntil([&] { return logs.contains("Detach async cleanup already completed"); }));
   EXPECT_EQ(6u, progress->steps.size());
-  EXPECT_EQ(1, outcome.calls);
+  EXPECT_EQ((Calls{{true, std::nullopt}}), outcome);
 }
 
-TEST(PXSymbolDetacher, MissingDocumentFailsAndRemovesTheConfiguration) {
-  TempDir dir;
+TEST_F(SymbolDetacher, MissingDocumentFailsAndRemovesTheConfiguration) {
   auto detacher = makeDetacher(dir / "gone.sketch");
-  Outcome outcome;
-  ASSERT_TRUE(detacher->detachOnCompletion(outcome.block()));
-  ASSERT_TRUE(pumpMainUntil([&] { return outcome.calls > 0; }));
-  EXPECT_FALSE(outcome.success);
-  EXPECT_EQ("failed to find file " + dir / "gone.sketch", outcome.message.value_or(""));
+  Calls outcome;
+  ASSERT_TRUE(detacher->detachOnCompletion(recordInto(outcome)));
+  ASSERT_TRUE(pumpMainUntil([&] { return !outcome.empty(); }));
+  EXPECT_EQ((Calls{{false, "failed to find file " + dir / "gone.sketch"}}), outcome);
   EXPECT_FALSE(PXFileManager::fileExists(PXSymbolDetacher::configurationFilePath()));
   EXPECT_EQ(std::vector<std::string>{"openDocument"}, fakeSketchCommands());
 
   // With the plug-in resource missing the configuration cannot be written;
   // that is logged and the request still goes out (and fails to find anything).
   TempDir emptyResources;
-  std::string resources = DetacherEnvironment::resources();
-  setenv("PLEXA_RESOURCES_DIR", emptyResources.path().c_str(), 1);
   LogCapture logs;
-  Outcome unconfigured;
-  bool started = detacher->detachOnCompletion(unconfigured.block());
-  setenv("PLEXA_RESOURCES_DIR", resources.c_str(), 1);
-  EXPECT_TRUE(started);
-  ASSERT_TRUE(pumpMainUntil([&] { return unconfigured.calls > 0; }));
-  EXPECT_FALSE(unconfigured.success);
+  Calls unconfigured;
+  {
+    ScopedEnv resources("PLEXA_RESOURCES_DIR", emptyResources.path());
+    EXPECT_TRUE(detacher->detachOnCompletion(recordInto(unconfigured)));
+  }
+  ASSERT_TRUE(pumpMainUntil([&] { return !unconfigured.empty(); }));
+  EXPECT_EQ(outcome, unconfigured);
   EXPECT_EQ(1u, logs.count("PXSymbolDetacher: failed to write to " + emptyResources.path()));
 }
 
-TEST(PXSymbolDetacher, NotificationsAreFilteredByFileAndCheckedForType) {
-  TempDir dir;
+TEST_F(SymbolDetacher, NotificationsAreFilteredByFileAndCheckedForType) {
   auto detacher = makeDetacher(dir / "doc.sketch");
   auto progress = std::make_shared<Progress>();
   detacher->delegate = progress;
@@ -240,9 +202,7 @@ TEST(PXSymbolDetacher, NotificationsAreFilteredByFileAndCheckedForType) {
   EXPECT_EQ(1u, logs.count("Detach async cleanup already completed"));
   EXPECT_TRUE(fakeSketchCommands().empty());
 
-  // Released, it hears nothing more; a delegate that has gone is not called.
-  detacher->cancel();
-  EXPECT_TRUE(detacher->isCancelled());
+  // Released, it hears nothing more.
   detacher.reset();
   postDetach(PlexaExtractSymbolDetacherProgressNotification, {{"file", file}, {"index", 2}, {"count", 2}});
   settle();

@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+#include <cmath>
 #include <fstream>
 #include <iterator>
 #include <thread>
@@ -14,13 +16,9 @@ using namespace plexa;
 
 namespace {
 
-bool robotoInstalled() { return PXFontWithName("Roboto-Regular", 12).has_value(); }
-
-#define REQUIRE_FONTS()                                                             \
-  do {                                                                              \
-    if (!robotoInstalled() || !PXFontWithName("OpenSans", 12))              \
-      GTEST_SKIP() << "fonts-roboto and fonts-open-sans are not installed";          \
-  } while (0)
+#define REQUIRE_FONTS()                                                     \
+  if (!PXFontWithName("Roboto-Regular", 12) || !PXFontWithName("OpenSans", 12)) \
+    GTEST_SKIP() << "fonts-roboto and fonts-open-sans are not installed"
 
 // Ascender − descender + line gap straight from the file's hhea table, a
 // path independent of the one under test.
@@ -40,7 +38,10 @@ double hheaLineHeight(const std::string& file, double size) {
   return (s16(hhea + 4) - s16(hhea + 6) + s16(hhea + 8)) * size / upem;
 }
 
-PXAttributedString text(const std::string& string, const std::string& font, double size) {
+// The line height of Roboto Regular at 12 points.
+double robotoLine() { return hheaLineHeight(PXFontWithName("Roboto-Regular", 12)->file, 12); }
+
+PXAttributedString text(const std::string& string, double size = 12, const std::string& font = "Roboto-Regular") {
   PXTextAttributes attributes;
   attributes.font = PXFontDescriptor{font, size};
   return PXAttributedString(string, attributes);
@@ -56,33 +57,26 @@ PXUsedRect measure(const PXAttributedString& string, PXTextMeasureOptions option
 
 TEST(TextLayoutFonts, FoundOnlyByExactPostScriptOrFullName) {
   REQUIRE_FONTS();
-  const auto bold = PXFontWithName("Roboto-Bold", 14);
-  ASSERT_TRUE(bold.has_value());
-  EXPECT_EQ(bold->family, "Roboto");
-  EXPECT_EQ(bold->styleName, "Bold");
-  EXPECT_EQ(bold->postScriptName, "Roboto-Bold");
-  EXPECT_EQ(bold->size, 14);
-  EXPECT_FALSE(bold->file.empty());
-
-  // A full name finds the same face.
-  const auto byFullName = PXFontWithName("Roboto Bold", 9);
-  ASSERT_TRUE(byFullName.has_value());
-  EXPECT_EQ(byFullName->postScriptName, "Roboto-Bold");
-
-  // A typographic family keeps its faces together.
-  const auto thin = PXFontWithName("Roboto-Thin", 12);
-  ASSERT_TRUE(thin.has_value());
-  EXPECT_EQ(thin->family, "Roboto");
-  EXPECT_EQ(thin->styleName, "Thin");
-  EXPECT_EQ(PXFontWithName("OpenSans-Semibold", 12)->family, "Open Sans");
-
-  // No fallback substitution of any kind.
-  EXPECT_FALSE(PXFontWithName("roboto-bold", 12).has_value());
-  EXPECT_FALSE(PXFontWithName("Roboto-Bol", 12).has_value());
-  EXPECT_EQ(PXFontWithName("Roboto", 12)->postScriptName, "Roboto-Regular");  // its full name
-  EXPECT_FALSE(PXFontWithName("Helvetica-Bold", 12).has_value());
-  EXPECT_FALSE(PXFontWithName("", 12).has_value());
-  EXPECT_FALSE(PXFontWithDescriptor({"SourceSansPro-Bold", 12}, 12).has_value());
+  // Requested name → PostScript name, family and face found ("" for none).
+  const std::vector<std::array<std::string, 4>> lookups = {
+      {"Roboto-Bold", "Roboto-Bold", "Roboto", "Bold"},
+      {"Roboto Bold", "Roboto-Bold", "Roboto", "Bold"},  // a full name finds the same face
+      {"Roboto", "Roboto-Regular", "Roboto", "Regular"},  // Regular's full name
+      {"Roboto-Thin", "Roboto-Thin", "Roboto", "Thin"},  // a typographic family keeps its faces together
+      {"OpenSans-Semibold", "OpenSans-Semibold", "Open Sans", "Semibold"},
+      // No fallback substitution of any kind.
+      {"roboto-bold", "", "", ""}, {"Roboto-Bol", "", "", ""}, {"Helvetica-Bold", "", "", ""},
+      {"SourceSansPro-Bold", "", "", ""}, {"", "", "", ""}};
+  for (const auto& [name, postScriptName, family, styleName] : lookups) {
+    SCOPED_TRACE(name);
+    const auto font = PXFontWithName(name, 14);
+    EXPECT_EQ(font ? font->postScriptName : "", postScriptName);
+    if (!font) continue;
+    EXPECT_EQ(font->family, family);
+    EXPECT_EQ(font->styleName, styleName);
+    EXPECT_EQ(font->size, 14);
+    EXPECT_FALSE(font->file.empty());
+  }
 }
 
 TEST(TextLayoutFonts, FamilyMembersInAStableWeightOrder) {
@@ -129,13 +123,12 @@ TEST(TextLayoutFonts, SystemFontIsCachedPerSize) {
 TEST(TextLayoutLineHeights, AscenderDescenderAndGapOfTheFace) {
   REQUIRE_FONTS();
   for (const char* name : {"Roboto-Regular", "Roboto-Bold", "OpenSans", "OpenSans-Light"}) {
-    const auto font = PXFontWithName(name, 12).value();
+    PXFont font = PXFontWithName(name, 12).value();
     const auto height = PXDefaultLineHeightForFont(font);
     ASSERT_TRUE(height.has_value()) << name;
     EXPECT_DOUBLE_EQ(*height, hheaLineHeight(font.file, 12)) << name;
-    auto larger = font;
-    larger.size = 36;
-    EXPECT_DOUBLE_EQ(PXDefaultLineHeightForFont(larger).value(), *height * 3) << name;
+    font.size = 36;
+    EXPECT_DOUBLE_EQ(PXDefaultLineHeightForFont(font).value(), *height * 3) << name;
   }
   EXPECT_NE(PXDefaultLineHeightForFont(PXFontWithName("Roboto-Regular", 12).value()),
             PXDefaultLineHeightForFont(PXFontWithName("OpenSans", 12).value()));
@@ -150,61 +143,56 @@ TEST(TextLayoutLineHeights, AscenderDescenderAndGapOfTheFace) {
 
 TEST(TextLayoutMeasure, WidthGrowsWithTextSizeKerningAndPadding) {
   REQUIRE_FONTS();
-  const PXUsedRect hello = measure(text("Hello", "Roboto-Regular", 12));
+  const PXUsedRect hello = measure(text("Hello"));
   EXPECT_GT(hello.width, 20);
   EXPECT_LT(hello.width, 40);
-  EXPECT_DOUBLE_EQ(hello.height, hheaLineHeight(PXFontWithName("Roboto-Regular", 12)->file, 12));
+  EXPECT_DOUBLE_EQ(hello.height, robotoLine());
 
-  const PXUsedRect twice = measure(text("HelloHello", "Roboto-Regular", 12));
-  EXPECT_NEAR(twice.width, 2 * hello.width, 0.5);
-  EXPECT_NEAR(measure(text("Hello", "Roboto-Regular", 24)).width, 2 * hello.width, 0.5);
-  EXPECT_GT(measure(text("Hello", "Roboto-Black", 12)).width, hello.width);
+  EXPECT_NEAR(measure(text("HelloHello")).width, 2 * hello.width, 0.5);
+  EXPECT_NEAR(measure(text("Hello", 24)).width, 2 * hello.width, 0.5);
+  EXPECT_GT(measure(text("Hello", 12, "Roboto-Black")).width, hello.width);
 
-  const PXUsedRect padded = measure(text("Hello", "Roboto-Regular", 12), {8.65, std::nullopt});
+  const PXUsedRect padded = measure(text("Hello"), {8.65, std::nullopt});
   EXPECT_NEAR(padded.width, hello.width + 17.3, 1e-9);
   EXPECT_EQ(padded.height, hello.height);
 
-  PXAttributedString kerned = text("Hello", "Roboto-Regular", 12);
+  PXAttributedString kerned = text("Hello");
   PXTextAttributes kern;
   kern.kerning = 2;
   kerned.addAttributes(kern, {0, 5});
   EXPECT_NEAR(measure(kerned).width, hello.width + 10, 0.5);
 
   // A face that is not installed is laid out in the system font of its size.
-  PXAttributedString system("Hello");
-  EXPECT_EQ(measure(text("Hello", "Missing-Face", 12)).width, measure(system).width);
+  EXPECT_EQ(measure(text("Hello", 12, "Missing-Face")).width, measure(PXAttributedString("Hello")).width);
 }
 
 TEST(TextLayoutMeasure, LinesParagraphsAndWrapping) {
   REQUIRE_FONTS();
-  const double line = hheaLineHeight(PXFontWithName("Roboto-Regular", 12)->file, 12);
-  EXPECT_DOUBLE_EQ(measure(text("one\ntwo", "Roboto-Regular", 12)).height, 2 * line);
-  EXPECT_DOUBLE_EQ(measure(text("one\n", "Roboto-Regular", 12)).height, 2 * line);  // the empty last line counts
-  EXPECT_DOUBLE_EQ(measure(text("one\xE2\x80\xA8two", "Roboto-Regular", 12)).height, 2 * line);  // line separator
+  const double line = robotoLine();
+  // The empty last line counts; U+2028 separates lines too.
+  for (const char* twoLines : {"one\ntwo", "one\n", "one\xE2\x80\xA8two"})
+    EXPECT_DOUBLE_EQ(measure(text(twoLines)).height, 2 * line) << twoLines;
 
   // The tallest font on a line sets its height.
-  PXAttributedString mixed = text("small BIG", "Roboto-Regular", 12);
-  PXTextAttributes big;
-  big.font = PXFontDescriptor{"Roboto-Regular", 24};
-  mixed.addAttributes(big, {6, 3});
+  PXAttributedString mixed = text("small BIG");
+  mixed.addAttributes(text("BIG", 24).runs()[0].attributes, {6, 3});
   EXPECT_DOUBLE_EQ(measure(mixed).height, 2 * line);
 
-  PXAttributedString styled = text("one\ntwo\nthree", "Roboto-Regular", 12);
+  PXAttributedString styled = text("one\ntwo\nthree");
   PXTextAttributes paragraph;
   paragraph.paragraphStyle = PXParagraphStyle{};
   paragraph.paragraphStyle->minimumLineHeight = 30;
   paragraph.paragraphStyle->paragraphSpacing = 5;
   styled.addAttributes(paragraph, {0, styled.length()});
   EXPECT_DOUBLE_EQ(measure(styled).height, 3 * 30 + 2 * 5);  // no spacing after the last paragraph
-  paragraph.paragraphStyle->minimumLineHeight.reset();
+  paragraph.paragraphStyle = PXParagraphStyle{};
   paragraph.paragraphStyle->maximumLineHeight = 10;
-  paragraph.paragraphStyle->paragraphSpacing.reset();
   styled.setAttributes(paragraph, {0, styled.length()});  // no font: the system font at 12
   EXPECT_DOUBLE_EQ(measure(styled).height, 3 * 10);
 
   const std::string sentence = "The quick brown fox jumps over the lazy dog again and again";
-  const PXUsedRect unwrapped = measure(text(sentence, "Roboto-Regular", 12));
-  const PXUsedRect wrapped = measure(text(sentence, "Roboto-Regular", 12), {8.65, 100.0});
+  const PXUsedRect unwrapped = measure(text(sentence));
+  const PXUsedRect wrapped = measure(text(sentence), {8.65, 100.0});
   EXPECT_GT(wrapped.height, 2 * line);
   EXPECT_LE(wrapped.width, 100.0 + 1e-9);
   EXPECT_LT(wrapped.width, unwrapped.width);
@@ -216,10 +204,8 @@ TEST(TextLayoutMeasure, OddInputMeasuresWithoutFailing) {
   EXPECT_DOUBLE_EQ(empty.width, 17.3);
   EXPECT_GE(empty.height, 0);
   EXPECT_GT(measure(PXAttributedString("\xF0\x9F\x98\x80 \xC3\xA9 \xFF\xFE bad bytes")).width, 0);
-  EXPECT_GE(measure(text("x", "Roboto-Regular", 0)).width, 0);
+  EXPECT_GE(measure(text("x", 0)).width, 0);
   EXPECT_GT(measure(PXAttributedString(std::string(20000, 'w'))).width, 1000);
-  const PXUsedRect narrow = measure(PXAttributedString("wrap me"), {8.65, -5.0});
-  EXPECT_GT(narrow.height, 0);
-  const PXUsedRect nan = measure(PXAttributedString("x"), {std::nan(""), std::nan("")});
-  EXPECT_TRUE(std::isfinite(nan.width));
+  EXPECT_GT(measure(PXAttributedString("wrap me"), {8.65, -5.0}).height, 0);
+  EXPECT_TRUE(std::isfinite(measure(PXAttributedString("x"), {std::nan(""), std::nan("")}).width));
 }

@@ -19,11 +19,10 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <optional>
 #include <sstream>
@@ -32,86 +31,39 @@
 #include <vector>
 
 #include <fcntl.h>
-#include <time.h>
 #include <unistd.h>
 
 using namespace plexa;
+using namespace std::string_literals;
 
 namespace {
 
 // MARK: Images
 
-uint32_t crc32(const std::string& bytes) {
-  uint32_t crc = 0xFFFFFFFFu;
-  for (unsigned char byte : bytes) {
-    crc ^= byte;
-    for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
-  }
-  return ~crc;
-}
-
-void putBigEndian(std::string& out, uint32_t value) {
-  for (int shift = 24; shift >= 0; shift -= 8) out += static_cast<char>((value >> shift) & 0xFF);
-}
-
-void putChunk(std::string& png, const std::string& type, const std::string& data) {
-  putBigEndian(png, static_cast<uint32_t>(data.size()));
-  png += type + data;
-  putBigEndian(png, crc32(type + data));
-}
-
-// A 2×2 RGBA image, its pixels in one stored (uncompressed) deflate block.
-std::string pngBytes() {
-  std::string pixels;
-  for (int row = 0; row < 2; ++row) {
-    pixels += '\0';  // no filter
-    for (int column = 0; column < 2; ++column) pixels += std::string("\xE8\x3E\x8C\xFF", 4);
-  }
-  uint32_t a = 1, b = 0;
-  for (unsigned char byte : pixels) {
-    a = (a + byte) % 65521;
-    b = (b + a) % 65521;
-  }
-  std::string zlib("\x78\x01\x01", 3);
-  uint16_t length = static_cast<uint16_t>(pixels.size());
-  zlib += static_cast<char>(length & 0xFF);
-  zlib += static_cast<char>(length >> 8);
-  zlib += static_cast<char>(~length & 0xFF);
-  zlib += static_cast<char>((~length >> 8) & 0xFF);
-  zlib += pixels;
-  putBigEndian(zlib, (b << 16) | a);
-
-  std::string header;
-  putBigEndian(header, 2);
-  putBigEndian(header, 2);
-  header += std::string("\x08\x06\x00\x00\x00", 5);  // 8 bits, RGBA, deflate, no filter, no interlace
-  std::string png("\x89PNG\r\n\x1A\n", 8);
-  putChunk(png, "IHDR", header);
-  putChunk(png, "IDAT", zlib);
-  putChunk(png, "IEND", "");
-  return png;
-}
+// A 2×2 RGBA PNG, its pixels in one stored (uncompressed) deflate block; the
+// chunk CRCs and the Adler-32 sum are worked out already.
+const std::string kPNG =
+    "\x89PNG\r\n\x1A\n"
+    "\x00\x00\x00\x0DIHDR\x00\x00\x00\x02\x00\x00\x00\x02\x08\x06\x00\x00\x00\x72\xB6\x0D\x24"
+    "\x00\x00\x00\x1DIDAT\x78\x01\x01\x12\x00\xED\xFF\x00\xE8\x3E\x8C\xFF\xE8\x3E\x8C\xFF"
+    "\x00\xE8\x3E\x8C\xFF\xE8\x3E\x8C\xFF\x5F\xD0\x0A\xC5\xD2\xB6\xBA\x54"
+    "\x00\x00\x00\x00IEND\xAE\x42\x60\x82"s;
 
 // An 8×8 grey baseline JPEG: one block whose DC difference and AC run are
 // both the only code of length 1, so the scan is the two bits "00".
 std::string jpegBytes() {
-  std::string jpeg("\xFF\xD8", 2);
-  jpeg += std::string("\xFF\xE0\x00\x10JFIF\x00\x01\x01\x00\x00\x01\x00\x01\x00\x00", 18);
-  jpeg += std::string("\xFF\xDB\x00\x43\x00", 5) + std::string(64, '\x01');
-  jpeg += std::string("\xFF\xC0\x00\x0B\x08\x00\x08\x00\x08\x01\x01\x11\x00", 13);
-  std::string oneCode = std::string("\x01", 1) + std::string(15, '\0') + std::string("\x00", 1);
-  jpeg += std::string("\xFF\xC4\x00\x14\x00", 5) + oneCode;
-  jpeg += std::string("\xFF\xC4\x00\x14\x10", 5) + oneCode;
-  jpeg += std::string("\xFF\xDA\x00\x08\x01\x01\x00\x00\x3F\x00", 10);
-  jpeg += std::string("\x3F", 1);
-  jpeg += std::string("\xFF\xD9", 2);
-  return jpeg;
+  std::string oneCode = "\x01"s + std::string(16, '\0');
+  return "\xFF\xD8\xFF\xE0\x00\x10JFIF\x00\x01\x01\x00\x00\x01\x00\x01\x00\x00"s +
+         "\xFF\xDB\x00\x43\x00"s + std::string(64, '\x01') +
+         "\xFF\xC0\x00\x0B\x08\x00\x08\x00\x08\x01\x01\x11\x00"s +
+         "\xFF\xC4\x00\x14\x00"s + oneCode + "\xFF\xC4\x00\x14\x10"s + oneCode +
+         "\xFF\xDA\x00\x08\x01\x01\x00\x00\x3F\x00\x3F\xFF\xD9"s;
 }
 
 std::optional<std::string> imageBytes(const std::string& format) {
-  if (format == "png") return pngBytes();
+  if (format == "png") return kPNG;
   if (format == "jpg" || format == "jpeg") return jpegBytes();
-  if (format == "svg") return std::string("<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"2\" height=\"2\"/>\n");
+  if (format == "svg") return "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"2\" height=\"2\"/>\n"s;
   return std::nullopt;
 }
 
@@ -124,28 +76,20 @@ std::string env(const char* name) {
 
 std::vector<std::string> splitList(const std::string& text) {
   std::vector<std::string> items;
-  if (text.empty()) return items;
   std::stringstream stream(text);
-  std::string item;
-  while (std::getline(stream, item, ',')) items.push_back(item);
+  for (std::string item; std::getline(stream, item, ',');) items.push_back(item);
   return items;
 }
 
-long long monotonicNanoseconds() {
-  timespec ts{};
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<long long>(ts.tv_sec) * 1000000000LL + ts.tv_nsec;
+// Nanoseconds on the system-wide monotonic clock, comparable between runs.
+std::string now() {
+  return std::to_string(std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count());
 }
 
+// One line in one appending write, so that runs at once do not mix their lines.
 void appendLog(const std::string& line) {
   std::string path = env("PLEXA_FAKE_SKETCHTOOL_LOG");
-  if (path.empty()) return;
-  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-  if (fd < 0) return;
-  std::string text = line + "\n";
-  ssize_t ignored = ::write(fd, text.data(), text.size());
-  (void)ignored;
-  ::close(fd);
+  if (!path.empty()) std::ofstream(path, std::ios::app) << line + "\n";
 }
 
 void say(const std::string& line) {
@@ -158,17 +102,12 @@ int fail(int code, const std::string& message) {
   return code;
 }
 
-bool staysInFolder(const std::string& name) {
-  if (name.empty() || name[0] == '/') return false;
-  for (const auto& part : std::filesystem::path(name))
-    if (part == "..") return false;
-  return true;
-}
-
-// Writes without following a link at the file name, as an exporter should.
+// Writes inside the folder only, and without following a link at the file name, as an exporter should.
 bool writeImage(const std::string& folder, const std::string& name, const std::string& bytes) {
-  if (!staysInFolder(name)) return false;
-  std::filesystem::path path = std::filesystem::path(folder) / name;
+  std::filesystem::path relative(name);
+  if (name.empty() || relative.is_absolute() || std::find(relative.begin(), relative.end(), "..") != relative.end())
+    return false;
+  std::filesystem::path path = std::filesystem::path(folder) / relative;
   std::error_code ec;
   std::filesystem::create_directories(path.parent_path(), ec);
   int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
@@ -180,72 +119,42 @@ bool writeImage(const std::string& folder, const std::string& name, const std::s
 
 // MARK: Arguments
 
-std::optional<std::string> option(const std::string& argument, const std::string& name) {
-  std::string prefix = "--" + name + "=";
-  if (argument.rfind(prefix, 0) != 0) return std::nullopt;
-  return argument.substr(prefix.size());
-}
-
 std::optional<double> number(const std::string& text) {
-  if (text.empty()) return std::nullopt;
   char* end = nullptr;
   double value = std::strtod(text.c_str(), &end);
-  if (*end != '\0') return std::nullopt;
+  if (text.empty() || *end != '\0') return std::nullopt;
   return value;
 }
 
 bool isYesNo(const std::string& text) { return text == "YES" || text == "NO"; }
 
-struct Request {
-  std::string kind;
-  std::string document;
-  std::string output;
-  std::vector<std::string> items;
-  bool useIDForName = true;
-  double scale = 1;
-  std::string scaleText;
-  std::string format;
-};
+bool isValid(const std::string& name, const std::string& value, bool artboards) {
+  auto n = number(value);
+  if (name == "output") return !value.empty();
+  if (name == "save-for-web") return isYesNo(value);
+  if (name == "scale") return n && *n > 0;
+  if (name == "formats") return value == "png" || value == "jpg";
+  if (name == "compression") return n && *n >= 0 && *n <= 1;
+  if (name == "use-id-for-name") return artboards ? value == "YES" : isYesNo(value);
+  return true;  // items
+}
 
-// Checks each option in the order the library writes them; the message names the first that is wrong.
-std::optional<std::string> parse(const std::vector<std::string>& args, Request& request) {
-  request.kind = args[1];
-  request.document = args[2];
-  bool artboards = request.kind == "artboards";
-  std::vector<std::string> names = artboards ? std::vector<std::string>{"output", "items", "save-for-web", "scale",
-                                                                        "formats", "compression", "use-id-for-name"}
-                                             : std::vector<std::string>{"output", "items", "save-for-web",
-                                                                        "compression", "use-id-for-name"};
+// Option name → value. Checks each option in the order the library writes
+// them; the message names the first that is wrong.
+std::optional<std::string> parse(const std::vector<std::string>& args, std::map<std::string, std::string>& options) {
+  bool artboards = args[1] == "artboards";
+  std::vector<std::string> names{"output",  "items",       "save-for-web",   "scale",
+                                 "formats", "compression", "use-id-for-name"};
+  if (!artboards) names.erase(names.begin() + 3, names.begin() + 5);
   if (args.size() != 3 + names.size())
     return "expected " + std::to_string(3 + names.size()) + " arguments, got " + std::to_string(args.size());
   for (size_t i = 0; i < names.size(); ++i) {
-    auto value = option(args[3 + i], names[i]);
-    if (!value) return "argument " + std::to_string(4 + i) + " should be --" + names[i] + "=…: " + args[3 + i];
-    const std::string& name = names[i];
-    bool ok = true;
-    if (name == "output") {
-      request.output = *value;
-      ok = !value->empty();
-    } else if (name == "items") {
-      request.items = splitList(*value);
-    } else if (name == "save-for-web") {
-      ok = isYesNo(*value);
-    } else if (name == "scale") {
-      auto scale = number(*value);
-      ok = scale && *scale > 0;
-      request.scale = scale.value_or(1);
-      request.scaleText = *value;
-    } else if (name == "formats") {
-      request.format = *value;
-      ok = *value == "png" || *value == "jpg";
-    } else if (name == "compression") {
-      auto compression = number(*value);
-      ok = compression && *compression >= 0 && *compression <= 1;
-    } else if (name == "use-id-for-name") {
-      ok = artboards ? *value == "YES" : isYesNo(*value);
-      request.useIDForName = *value == "YES";
-    }
-    if (!ok) return "bad value for --" + name + ": " + *value;
+    std::string prefix = "--" + names[i] + "=";
+    if (args[3 + i].rfind(prefix, 0) != 0)
+      return "argument " + std::to_string(4 + i) + " should be " + prefix + "…: " + args[3 + i];
+    std::string value = args[3 + i].substr(prefix.size());
+    if (!isValid(names[i], value, artboards)) return "bad value for --" + names[i] + ": " + value;
+    options[names[i]] = value;
   }
   return std::nullopt;
 }
@@ -261,92 +170,79 @@ void collectLayers(const JsonValue& layer, std::map<std::string, JsonValue>& byI
 std::map<std::string, JsonValue> documentLayers(const std::string& document) {
   std::map<std::string, JsonValue> byID;
   for (const auto& name : PXZip::entryNames(document).value_or(std::vector<std::string>())) {
-    if (name.rfind("pages/", 0) != 0) continue;
-    auto text = PXZip::readEntry(document, name);
-    auto page = text ? PXJsonParse(*text) : std::nullopt;
-    if (page) collectLayers(*page, byID);
+    auto text = name.rfind("pages/", 0) == 0 ? PXZip::readEntry(document, name) : std::nullopt;
+    if (auto page = text ? PXJsonParse(*text) : std::nullopt) collectLayers(*page, byID);
   }
   return byID;
 }
 
-std::string withoutSlashes(std::string text) {
-  std::erase(text, '/');
-  return text;
-}
-
 // MARK: Exports
 
-bool exportOne(const Request& request, const std::string& name, const std::string& format) {
-  auto bytes = imageBytes(format);
-  if (!bytes) {
+void exportOne(const std::string& folder, const std::string& name, const std::string& format) {
+  if (auto bytes = imageBytes(format); !bytes)
     say("Warning: cannot render format " + format);
-    return false;
-  }
-  if (!writeImage(request.output, name, *bytes)) {
-    say("Error: could not write " + name);
-    return false;
-  }
-  say("Exported " + name);
-  return true;
+  else
+    say(writeImage(folder, name, *bytes) ? "Exported " + name : "Error: could not write " + name);
 }
 
-void exportArtboards(const Request& request, const std::vector<std::string>& skipped) {
-  std::string suffix = request.scale == 1 ? "" : "@" + request.scaleText + "x";
-  for (const auto& id : request.items) {
-    if (std::find(skipped.begin(), skipped.end(), id) != skipped.end()) continue;
-    exportOne(request, id + suffix + "." + request.format, request.format);
-  }
+// File names: "<ID>[@<scale>x].<format>".
+void exportArtboards(std::map<std::string, std::string>& options, const std::vector<std::string>& IDs) {
+  std::string suffix = number(options["scale"]) == 1 ? "" : "@" + options["scale"] + "x";
+  for (const auto& id : IDs) exportOne(options["output"], id + suffix + "." + options["formats"], options["formats"]);
 }
 
-void exportLayers(const Request& request, const std::vector<std::string>& skipped) {
-  auto layers = documentLayers(request.document);
-  for (const auto& id : request.items) {
-    if (std::find(skipped.begin(), skipped.end(), id) != skipped.end()) continue;
+// File names: the ID (or the layer's name) with each export format's name
+// (slashes dropped) after it, or before it when its naming scheme is 1.
+void exportLayers(const std::string& document, std::map<std::string, std::string>& options,
+                  const std::vector<std::string>& IDs) {
+  auto layers = documentLayers(document);
+  for (const auto& id : IDs) {
     auto layer = layers.find(id);
     if (layer == layers.end()) continue;
     auto formats = PXValueForKeyPath(layer->second, "exportOptions.exportFormats");
     if (!formats || !formats->is_array()) continue;
-    std::string base = request.useIDForName ? id : std::string(PXJsonTextFor(&layer->second, "name").value_or(id));
+    std::string name(PXJsonTextFor(&layer->second, "name").value_or(id));
+    std::string base = options["use-id-for-name"] == "YES" ? id : name;
     for (const auto& entry : formats->get_array()) {
       std::string format(PXJsonTextFor(&entry, "fileFormat").value_or("png"));
-      std::string label = withoutSlashes(std::string(PXJsonTextFor(&entry, "name").value_or("")));
+      std::string label(PXJsonTextFor(&entry, "name").value_or(""));
+      std::erase(label, '/');
       bool asPrefix = PXJsonInt64For(&entry, "namingScheme").value_or(0) == 1;
-      std::string name = (asPrefix ? label : "") + base + (asPrefix ? "" : label) + "." + format;
-      exportOne(request, name, format);
+      exportOne(options["output"], (asPrefix ? label + base : base + label) + "." + format, format);
     }
   }
-}
-
-int metadata(const std::string& document) {
-  auto meta = PXZip::readEntry(document, "meta.json");
-  if (!meta) return fail(1, "cannot read meta.json of " + document);
-  std::fputs(meta->c_str(), stdout);
-  return 0;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   std::vector<std::string> args(argv + 1, argv + argc);
-  if (args.size() == 2 && args[0] == "metadata") return metadata(args[1]);
+  if (args.size() == 2 && args[0] == "metadata") {
+    auto meta = PXZip::readEntry(args[1], "meta.json");
+    if (!meta) return fail(1, "cannot read meta.json of " + args[1]);
+    std::fputs(meta->c_str(), stdout);
+    return 0;
+  }
   if (args.size() < 3 || args[0] != "export" || (args[1] != "artboards" && args[1] != "layers"))
     return fail(64, "usage: export artboards|layers <file> options… | metadata <file>");
-  Request request;
-  if (auto problem = parse(args, request)) return fail(64, *problem);
-  if (::access(request.document.c_str(), R_OK) != 0) return fail(1, "cannot open document " + request.document);
+  std::map<std::string, std::string> options;
+  if (auto problem = parse(args, options)) return fail(64, *problem);
+  if (::access(args[2].c_str(), R_OK) != 0) return fail(1, "cannot open document " + args[2]);
 
-  appendLog("start " + std::to_string(monotonicNanoseconds()) + " " + std::to_string(::getpid()) + " " +
-            request.kind + " " + args[4].substr(8));
+  std::string pid = std::to_string(::getpid());
+  appendLog("start " + now() + " " + pid + " " + args[1] + " " + options["items"]);
   if (auto line = env("PLEXA_FAKE_SKETCHTOOL_PRINT"); !line.empty()) say(line);
   if (long pause = std::atol(env("PLEXA_FAKE_SKETCHTOOL_SLEEP_MS").c_str()); pause > 0)
     std::this_thread::sleep_for(std::chrono::milliseconds(pause));
 
-  auto skipped = splitList(env("PLEXA_FAKE_SKETCHTOOL_SKIP"));
-  if (request.kind == "artboards") {
-    exportArtboards(request, skipped);
+  std::vector<std::string> IDs, skipped = splitList(env("PLEXA_FAKE_SKETCHTOOL_SKIP"));
+  for (const auto& id : splitList(options["items"]))
+    if (std::find(skipped.begin(), skipped.end(), id) == skipped.end()) IDs.push_back(id);
+  if (args[1] == "artboards") {
+    exportArtboards(options, IDs);
   } else {
-    exportLayers(request, skipped);
+    exportLayers(args[2], options, IDs);
   }
-  appendLog("end " + std::to_string(monotonicNanoseconds()) + " " + std::to_string(::getpid()));
+  appendLog("end " + now() + " " + pid);
   return 0;
 }
