@@ -13,6 +13,8 @@
 #include "PXSketchTool.h"
 #include "PXSymbolDetacher.h"
 
+#include <utility>
+
 namespace plexa {
 
 // What one start call asked for, kept together for the stages.
@@ -91,10 +93,14 @@ void PlexaExtract::startExtractionForArtboardIDs(const std::optional<std::vector
   if (exportOptions & PlexaExtractDetachAnima) {
     std::string detached = PXAppendingPathComponent(outputFolderPath, "detached.sketch");
     animaDetacher = PXAnimaDetacher::make();
+    // The detacher keeps its completion for good, so the extractor is held
+    // only until the first answer; later answers find nobody.
+    auto keeper = std::make_shared<std::shared_ptr<PlexaExtract>>(shared_from_this());
     animaDetacher->detachSketchFile(
         sketchFilePath, artboardIDs, detached,
-        [self = shared_from_this(), detached, artboardIDs, scale, exportOptions, progressHandler,
-         completionHandler](bool success) {
+        [keeper, detached, artboardIDs, scale, exportOptions, progressHandler, completionHandler](bool success) {
+          auto self = std::exchange(*keeper, nullptr);
+          if (!self) return;
           if (success) {
             self->artboardExporter->setSketchFilePath(detached);
             self->unzipper->sketchFilePath = detached;
@@ -270,6 +276,7 @@ void PlexaExtract::finish(const std::shared_ptr<Run>& run) {
 
 void PlexaExtract::cancel() {
   cancelled_ = true;
+  if (animaDetacher) animaDetacher->setCompletion(nullptr);  // it would hold this extractor
   if (unzipper) unzipper->cancel();
   if (hotspotsExporter) hotspotsExporter->cancel();
   if (artboardExporter) artboardExporter->cancel();

@@ -175,7 +175,8 @@ int extract(const Options& options) {
 
   auto extractor = PlexaExtract::extractWithSketchFilePath(options.input, work, tool);
   extractor->prettyPrint = options.pretty;
-  if (options.detach == "none") extractor->detachMethod = "none";
+  // Anima detaches on its own; Sketch is not asked to detach the result again.
+  if (options.detach == "none" || options.detach == "anima") extractor->detachMethod = "none";
   if (options.detach == "plugin") extractor->detachMethod = options.artboards.empty() ? "all" : "selection";
   if (options.maxConcurrent) extractor->setMaxConcurrentArtboardExport(options.maxConcurrent);
   if (options.batchSize) extractor->setMaxConcurrentArtboardBatchSize(options.batchSize);
