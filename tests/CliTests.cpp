@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <set>
 #include <sstream>
 #include <csignal>
 #include <cstdio>
@@ -179,19 +180,42 @@ TEST(PlexaExtractCli, InterruptCancelsCleanly) {
   EXPECT_GT(started, 0);
 }
 
+// Where the asset export put a paths record's file, relative to the output.
+std::string assetBelowOutput(const JsonValue& record, const std::string& artboardID) {
+  std::string fullPath(PXJsonTextFor(&record, "fullPath").value_or(""));
+  size_t at = fullPath.find("/" + artboardID + "/");
+  return at == std::string::npos ? fullPath : fullPath.substr(at + 1);
+}
+
 TEST(PlexaExtractCli, EveryCorpusDocumentExtracts) {
   auto documents = corpusDocuments();
   if (documents.empty()) GTEST_SKIP() << "corpus folder not present: " << PLEXA_CORPUS_DIR;
   for (const auto& document : documents) {
+    SCOPED_TRACE(document);
     TempDir dir;
-    auto result = runCli(shellQuoted(document) + " -o " + shellQuoted(dir / "out") + " --progress none --sketchtool " +
+    std::string out = dir / "out";
+    auto result = runCli(shellQuoted(document) + " -o " + shellQuoted(out) + " --progress none --sketchtool " +
                          shellQuoted(fakeTool()));
-    EXPECT_EQ(result.exitCode, 0) << document << "\n" << result.output.substr(0, 2000);
-    auto info = readJson(dir / "out/__uploadInfo.json");
-    ASSERT_TRUE(info.is_object()) << document;
-    for (const auto& kv : info.at("syncInfo").as_object()) {
-      std::string id(kv.key());
-      EXPECT_TRUE(PXFileManager::fileExists(dir / "out" + "/" + id + "-hotspots.json")) << document << " " << id;
+    EXPECT_EQ(result.exitCode, 0) << result.output.substr(0, 2000);
+    auto info = readJson(out + "/__uploadInfo.json");
+    ASSERT_TRUE(info.is_object());
+
+    // The upload info names exactly the document's artboards.
+    auto listed = runCli(shellQuoted(document) + " --list-artboards");
+    std::set<std::string> artboards, named;
+    std::istringstream lines(listed.output);
+    for (std::string line; std::getline(lines, line);) artboards.insert(line.substr(0, line.find('\t')));
+    for (const auto& kv : info.at("syncInfo").as_object()) named.insert(std::string(kv.key()));
+    EXPECT_EQ(named, artboards);
+
+    for (const auto& id : named) {
+      SCOPED_TRACE(id);
+      EXPECT_TRUE(PXFileManager::fileExists(out + "/" + id + "-hotspots.json"));
+      EXPECT_TRUE(PXFileManager::fileExists(out + "/" + id + ".png") || PXFileManager::fileExists(out + "/" + id + ".jpg"));
+      if (!PXFileManager::fileExists(out + "/" + id + "-paths.json")) continue;
+      JsonValue paths = readJson(out + "/" + id + "-paths.json");
+      for (const auto& record : paths.as_array())
+        EXPECT_TRUE(PXFileManager::fileExists(out + "/" + assetBelowOutput(record, id))) << compactJson(record);
     }
   }
 }
