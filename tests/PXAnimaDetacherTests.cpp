@@ -17,16 +17,6 @@ namespace {
 [[maybe_unused]] auto* const gEnvironment =
     ::testing::AddGlobalTestEnvironment(new PrivateSessionEnvironment({"fake-anima"}, false));
 
-// The fake Anima, started and listening (else null); it exits after answering
-// and is killed if the pointer goes first.
-std::shared_ptr<PXChildProcess> startFakeAnima(const std::vector<std::string>& options) {
-  bool ready = false;
-  auto token = PXDistributedNotificationCenter::defaultCenter()->addObserver(
-      "PXFakeAnimaReady", std::string("fake-anima"), [&](const PXNotification&) { ready = true; });
-  auto anima = PXChildProcess::start(PrivateSessionEnvironment::testDouble("fake-anima"), options, std::nullopt,
-                                     nullptr, nullptr);
-  return anima && pumpMainUntil([&] { return ready; }) ? anima : nullptr;
-}
 
 struct Answers {
   std::vector<bool> results;

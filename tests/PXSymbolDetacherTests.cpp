@@ -29,19 +29,6 @@ PXSymbolDetacher::Completion recordInto(Calls& calls) {
   return [&calls](bool success, const std::optional<std::string>& message) { calls.emplace_back(success, message); };
 }
 
-// One artboard with one instance of a button symbol.
-std::string writeDocument(const TempDir& dir) {
-  JsonObject master = layer("symbolMaster", "M1", "Button", frame(0, 0, 80, 30),
-                            JsonArray{layer("text", "T1", "Label", frame(0, 0, 80, 30))});
-  master["symbolID"] = "SYM-1";
-  JsonObject instance = layer("symbolInstance", "I1", "Button", frame(10, 10, 80, 30));
-  instance["symbolID"] = "SYM-1";
-  instance["overrideValues"] = JsonArray();
-  SketchFixture fixture;
-  fixture.addPage(page("P1", "Page", JsonArray{artboard("A1", "Screen", frame(0, 0, 320, 480), JsonArray{instance})}));
-  fixture.addPage(page("P2", "Symbols", JsonArray{master}));
-  return fixture.writeSketch(dir / "doc.sketch");
-}
 
 void postDetach(const char* name, JsonObject userInfo) {
   PXDistributedNotificationCenter::defaultCenter()->postNotificationName(name, std::string("PlexaExtract"),
@@ -77,7 +64,7 @@ class SymbolDetacher : public ::testing::Test {
 }  // namespace
 
 TEST_F(SymbolDetacher, AsynchronousDetachRunsStartThenEndAndCompletesOnce) {
-  auto detacher = makeDetacher(writeDocument(dir));
+  auto detacher = makeDetacher(writeButtonDocument(dir / "doc.sketch"));
   auto progress = std::make_shared<Progress>();
   detacher->delegate = progress;
   detacher->saveAsPath = dir / "detached.sketch";
@@ -126,7 +113,7 @@ TEST_F(SymbolDetacher, AsynchronousDetachRunsStartThenEndAndCompletesOnce) {
 }
 
 TEST_F(SymbolDetacher, SynchronousDetachCompletesWhenTheCommandReturns) {
-  auto detacher = makeDetacher(writeDocument(dir));
+  auto detacher = makeDetacher(writeButtonDocument(dir / "doc.sketch"));
   auto progress = std::make_shared<Progress>();
   detacher->delegate = progress;
   detacher->async = false;

@@ -23,19 +23,6 @@ namespace {
 [[maybe_unused]] auto* const gEnvironment =
     ::testing::AddGlobalTestEnvironment(new PrivateSessionEnvironment({"fake-sketch", "fake-anima"}, true));
 
-// One artboard holding an instance of a master on the second page.
-std::string writeDocument(const TempDir& dir) {
-  JsonObject master = layer("symbolMaster", "M1", "Button", frame(0, 0, 80, 30),
-                            JsonArray{layer("text", "T1", "Label", frame(0, 0, 80, 30))});
-  master["symbolID"] = "SYM-1";
-  JsonObject instance = layer("symbolInstance", "I1", "Button", frame(10, 10, 80, 30));
-  instance["symbolID"] = "SYM-1";
-  instance["overrideValues"] = JsonArray();
-  SketchFixture fixture;
-  fixture.addPage(page("P1", "Page", JsonArray{artboard("A1", "Screen", frame(0, 0, 320, 480), JsonArray{instance})}));
-  fixture.addPage(page("P2", "Symbols", JsonArray{master}));
-  return fixture.writeSketch(dir / "doc.sketch");
-}
 
 struct Outcome {
   bool called = false;
@@ -63,7 +50,7 @@ bool lists(const Outcome& outcome, const std::string& name) {
 TEST(PipelineDetach, SketchPluginDetachesBeforeTheStagesReadTheDocument) {
   TempDir dir;
   ScopedEnv log{"FAKE_SKETCH_LOG", dir / "fake-sketch.log"};
-  auto extractor = PlexaExtract::extractWithSketchFilePath(writeDocument(dir), dir / "work",
+  auto extractor = PlexaExtract::extractWithSketchFilePath(writeButtonDocument(dir / "doc.sketch"), dir / "work",
                                                           PrivateSessionEnvironment::testDouble("fake-sketch"));
   extractor->detachMethod = "all";
   std::vector<std::pair<uint64_t, uint64_t>> detachSteps;
@@ -82,14 +69,10 @@ TEST(PipelineDetach, SketchPluginDetachesBeforeTheStagesReadTheDocument) {
 
 TEST(PipelineDetach, AnimaDetachedCopyIsWhatTheRunUnzips) {
   TempDir dir;
-  bool ready = false;
-  auto token = PXDistributedNotificationCenter::defaultCenter()->addObserver(
-      "PXFakeAnimaReady", std::string("fake-anima"), [&](const PXNotification&) { ready = true; });
-  auto anima = PXChildProcess::start(PrivateSessionEnvironment::testDouble("fake-anima"), {"--answer", "requested"},
-                                     std::nullopt, nullptr, nullptr);
-  ASSERT_TRUE(anima && pumpMainUntil([&] { return ready; }));
+  auto anima = startFakeAnima({"--answer", "requested"});
+  ASSERT_TRUE(anima);
 
-  auto extractor = PlexaExtract::extractWithSketchFilePath(writeDocument(dir), dir / "work", std::string("/none"));
+  auto extractor = PlexaExtract::extractWithSketchFilePath(writeButtonDocument(dir / "doc.sketch"), dir / "work", std::string("/none"));
   extractor->detachMethod = "none";  // Anima alone detaches; Sketch is not asked as well
   auto outcome = start(extractor, PlexaExtractExportMeta | PlexaExtractDetachAnima);
   ASSERT_TRUE(pumpMainUntil([&] { return outcome->called; }, std::chrono::seconds(30)));
@@ -101,14 +84,10 @@ TEST(PipelineDetach, AnimaDetachedCopyIsWhatTheRunUnzips) {
 
 TEST(PipelineDetach, AnimaFailureFallsBackToTheInputFile) {
   TempDir dir;
-  bool ready = false;
-  auto token = PXDistributedNotificationCenter::defaultCenter()->addObserver(
-      "PXFakeAnimaReady", std::string("fake-anima"), [&](const PXNotification&) { ready = true; });
-  auto anima = PXChildProcess::start(PrivateSessionEnvironment::testDouble("fake-anima"), {"--answer", "missing"},
-                                     std::nullopt, nullptr, nullptr);
-  ASSERT_TRUE(anima && pumpMainUntil([&] { return ready; }));
+  auto anima = startFakeAnima({"--answer", "missing"});
+  ASSERT_TRUE(anima);
 
-  std::string input = writeDocument(dir);
+  std::string input = writeButtonDocument(dir / "doc.sketch");
   auto extractor = PlexaExtract::extractWithSketchFilePath(input, dir / "work", std::string("/none"));
   extractor->detachMethod = "none";
   auto outcome = start(extractor, PlexaExtractExportMeta | PlexaExtractDetachAnima);
@@ -139,7 +118,7 @@ std::pair<int, std::string> runCli(const std::vector<std::string>& arguments) {
 TEST(PipelineDetachCli, PluginAndAnimaDetachingFromTheCommandLine) {
   TempDir dir;
   ScopedEnv log{"FAKE_SKETCH_LOG", dir / "fake-sketch.log"};
-  std::string input = writeDocument(dir);
+  std::string input = writeButtonDocument(dir / "doc.sketch");
   auto [pluginExit, pluginOutput] = runCli({input, "-o", dir / "plugin", "--detach", "plugin", "--meta", "--progress",
                                             "none", "--sketchtool", PrivateSessionEnvironment::testDouble("fake-sketch")});
   EXPECT_EQ(pluginExit, 0) << pluginOutput;
@@ -152,12 +131,8 @@ TEST(PipelineDetachCli, PluginAndAnimaDetachingFromTheCommandLine) {
   EXPECT_NE(silentOutput.find("no answer from anima within 1 s"), std::string::npos) << silentOutput;
   EXPECT_TRUE(PXFileManager::contentsOfDirectory(dir / "silent").value_or(std::vector<std::string>{"?"}).empty());
 
-  bool ready = false;
-  auto token = PXDistributedNotificationCenter::defaultCenter()->addObserver(
-      "PXFakeAnimaReady", std::string("fake-anima"), [&](const PXNotification&) { ready = true; });
-  auto anima = PXChildProcess::start(PrivateSessionEnvironment::testDouble("fake-anima"), {"--answer", "requested"},
-                                     std::nullopt, nullptr, nullptr);
-  ASSERT_TRUE(anima && pumpMainUntil([&] { return ready; }));
+  auto anima = startFakeAnima({"--answer", "requested"});
+  ASSERT_TRUE(anima);
   auto [animaExit, animaOutput] =
       runCli({input, "-o", dir / "anima", "--detach", "anima", "--meta", "--progress", "none"});
   EXPECT_EQ(animaExit, 0) << animaOutput;

@@ -1,6 +1,9 @@
 #include "SessionBus.h"
 
 #include "Files.h"
+#include "Notifications.h"
+#include "Process.h"
+#include "TestSupport.h"
 
 #include <csignal>
 #include <cstdlib>
@@ -37,6 +40,15 @@ void PrivateSessionEnvironment::TearDown() {
   if (pid_ > 0) ::kill(pid_, SIGTERM);
   if (daemon_) ::pclose(daemon_);
   PXFileManager::removeItem(folder_);
+}
+
+std::shared_ptr<PXChildProcess> startFakeAnima(const std::vector<std::string>& options) {
+  bool ready = false;
+  auto token = PXDistributedNotificationCenter::defaultCenter()->addObserver(
+      "PXFakeAnimaReady", std::string("fake-anima"), [&](const PXNotification&) { ready = true; });
+  auto anima = PXChildProcess::start(PrivateSessionEnvironment::testDouble("fake-anima"), options, std::nullopt,
+                                     nullptr, nullptr);
+  return anima && pumpMainUntil([&] { return ready; }) ? anima : nullptr;
 }
 
 }  // namespace plexa::test

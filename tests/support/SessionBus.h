@@ -6,9 +6,14 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <sys/types.h>
 #include <vector>
+
+namespace plexa {
+class PXChildProcess;
+}
 
 namespace plexa::test {
 
@@ -31,5 +36,10 @@ class PrivateSessionEnvironment : public ::testing::Environment {
   pid_t pid_ = 0;
   static inline std::string folder_;
 };
+
+// Starts the fake Anima from the private folder and waits until it listens;
+// null when it does not come up. It exits after answering one request and is
+// killed if the pointer goes first.
+std::shared_ptr<PXChildProcess> startFakeAnima(const std::vector<std::string>& options);
 
 }  // namespace plexa::test

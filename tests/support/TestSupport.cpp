@@ -219,6 +219,19 @@ std::string SketchFixture::writeFolder(const std::string& folder) const {
   return folder;
 }
 
+std::string writeButtonDocument(const std::string& path) {
+  JsonObject master = layer("symbolMaster", "M1", "Button", frame(0, 0, 80, 30),
+                            JsonArray{layer("text", "T1", "Label", frame(0, 0, 80, 30))});
+  master["symbolID"] = "SYM-1";
+  JsonObject instance = layer("symbolInstance", "I1", "Button", frame(10, 10, 80, 30));
+  instance["symbolID"] = "SYM-1";
+  instance["overrideValues"] = JsonArray();
+  SketchFixture fixture;
+  fixture.addPage(page("P1", "Page", JsonArray{artboard("A1", "Screen", frame(0, 0, 320, 480), JsonArray{instance})}));
+  fixture.addPage(page("P2", "Symbols", JsonArray{master}));
+  return fixture.writeSketch(path);
+}
+
 std::vector<std::string> corpusDocuments() {
   std::vector<std::string> docs;
   std::error_code ec;

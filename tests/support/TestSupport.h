@@ -113,6 +113,10 @@ class SketchFixture {
   std::vector<std::string> omitted_;
 };
 
+// One artboard "A1" holding an instance "I1" of the master "M1" (symbol
+// "SYM-1", a text "T1") that sits on a second page; returns the path.
+std::string writeButtonDocument(const std::string& path);
+
 // The corpus of real documents, or empty when the folder is absent.
 std::vector<std::string> corpusDocuments();
 
