@@ -151,7 +151,7 @@ void PlexaExtract::startUnzipArtboardIDs(const std::optional<std::vector<std::st
 }
 
 void PlexaExtract::runStages(const std::shared_ptr<Run>& run, bool unzipped, const std::string& detachedPath) {
-  if (cancelled_) return;
+  if (stoppedByCancel()) return;
   std::vector<std::string> sorted;
   if (unzipped) {
     try {
@@ -172,11 +172,20 @@ void PlexaExtract::runStages(const std::shared_ptr<Run>& run, bool unzipped, con
   progressCount_ = static_cast<int64_t>(run->artboardIDs.size());
 
   exportMeta(run);
-  if (cancelled_) return;
+  if (stoppedByCancel()) return;
   exportImages(run);
-  if (cancelled_) return;
+  if (stoppedByCancel()) return;
   exportHotspots(run);
   run->stageGroup->notify(PXMainDispatchQueue(), [self = shared_from_this(), run] { self->exportAssetsThenFinish(run); });
+}
+
+// A stage that was already running when the run was cancelled may have
+// made its folders again; nothing of a cancelled run is left behind.
+bool PlexaExtract::stoppedByCancel() {
+  if (!cancelled_) return false;
+  removeTempFolder();
+  removeOutputFolder();
+  return true;
 }
 
 std::vector<std::string> PlexaExtract::artboardsOfRun(const std::shared_ptr<Run>& run,

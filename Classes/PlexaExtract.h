@@ -146,6 +146,7 @@ class PlexaExtract : public PXSketchUnzipperDelegate, public std::enable_shared_
 
   struct Run;
   void runStages(const std::shared_ptr<Run>& run, bool unzipped, const std::string& detachedPath);
+  bool stoppedByCancel();
   std::vector<std::string> artboardsOfRun(const std::shared_ptr<Run>& run, std::vector<std::string>& sorted);
   void exportMeta(const std::shared_ptr<Run>& run);
   void exportImages(const std::shared_ptr<Run>& run);

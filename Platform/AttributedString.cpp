@@ -252,25 +252,23 @@ void PXAttributedString::coalesce() {
 }
 
 void PXAttributedString::setAttributes(const PXTextAttributes& attributes, PXUTF16Range range) {
-  const size_t start = std::min(range.location, length_);
-  const size_t end = start + std::min(range.length, length_ - start);
-  if (start == end) return;
-  splitAt(start);
-  splitAt(end);
-  for (auto& run : runs_) {
-    if (run.location >= start && run.location + run.length <= end) run.attributes = attributes;
-  }
-  coalesce();
+  forEachRunIn(range, [&](PXTextAttributes& run) { run = attributes; });
 }
 
 void PXAttributedString::addAttributes(const PXTextAttributes& attributes, PXUTF16Range range) {
+  forEachRunIn(range, [&](PXTextAttributes& run) { run.merge(attributes); });
+}
+
+// Splits runs at the range's ends so it covers whole runs, changes those,
+// then merges neighbours that became equal.
+void PXAttributedString::forEachRunIn(PXUTF16Range range, const std::function<void(PXTextAttributes&)>& change) {
   const size_t start = std::min(range.location, length_);
   const size_t end = start + std::min(range.length, length_ - start);
   if (start == end) return;
   splitAt(start);
   splitAt(end);
   for (auto& run : runs_) {
-    if (run.location >= start && run.location + run.length <= end) run.attributes.merge(attributes);
+    if (run.location >= start && run.location + run.length <= end) change(run.attributes);
   }
   coalesce();
 }

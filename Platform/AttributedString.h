@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -170,6 +171,7 @@ class PXAttributedString {
   bool operator==(const PXAttributedString&) const = default;
 
  private:
+  void forEachRunIn(PXUTF16Range range, const std::function<void(PXTextAttributes&)>& change);
   void splitAt(size_t index);
   void coalesce();
 
