@@ -140,6 +140,7 @@ JsonObject group(const std::string& id, const std::string& name, JsonObject fram
 // The hotspot reader walks "userInfo.com.morrow.prototype" one dotted word
 // per level, so the sample nests the link that way.
 JsonObject prototypeLink(JsonObject link) {
+  link["componentType"] = "SRLink";
   return {{"com", JsonObject{{"morrow", JsonObject{{"prototype", std::move(link)}}}}}};
 }
 

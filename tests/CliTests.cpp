@@ -111,6 +111,10 @@ TEST(PlexaExtractCli, ExtractsTheSampleWithEveryStage) {
     EXPECT_NE(std::find(names.begin(), names.end(), id + ".json"), names.end()) << id;
     EXPECT_NE(std::find(names.begin(), names.end(), id + "-hotspots.json"), names.end()) << id;
   }
+  // The sample's prototype links become hotspots: a screen link and a URL on Home.
+  auto home = readJson(dir / "out/5E0B1A3C-1111-4A2B-9C3D-4E5F60718201-hotspots.json");
+  ASSERT_TRUE(home.is_array());
+  EXPECT_EQ(home.as_array().size(), 2u);
   // Progress lines are JSON objects ending at a total of 1.
   EXPECT_NE(result.output.find("\"title\":\"Exporting Artboards (4/5)\""), std::string::npos);
   EXPECT_NE(result.output.find("\"total\":1}"), std::string::npos);
