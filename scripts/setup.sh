@@ -26,6 +26,8 @@ fi
 
 build="${1:-build}"; shift || true
 export CCACHE_DIR="${CCACHE_DIR:-$HOME/.cache/ccache}"
+# Relative paths let a fresh clone elsewhere reuse the cache.
+export CCACHE_BASEDIR="${CCACHE_BASEDIR:-$PWD}"
 export CCACHE_SLOPPINESS="${CCACHE_SLOPPINESS:-pch_defines,time_macros,include_file_mtime,include_file_ctime}"
 mkdir -p "$build"
 # The lock lets this share a build folder with scripts/dev-build.sh.
