@@ -165,14 +165,9 @@ struct RunState {
   std::optional<PXError> error;
 };
 
-int extract(const Options& options) {
-  if (auto problem = outputProblem(options.output)) return fail(kExitInput, options.output, *problem);
-  std::string work = PXFileManager::makeTemporaryDirectory("plexa-extract");
-  if (work.empty()) return fail(kExitInput, "temporary folder", "could not be created");
-  auto started = std::chrono::steady_clock::now();
+std::shared_ptr<PlexaExtract> makeExtractor(const Options& options, const std::string& work) {
   std::optional<std::string> tool;
   if (!options.sketchtool.empty()) tool = options.sketchtool;
-
   auto extractor = PlexaExtract::extractWithSketchFilePath(options.input, work, tool);
   extractor->prettyPrint = options.pretty;
   // Anima detaches on its own; Sketch is not asked to detach the result again.
@@ -180,53 +175,73 @@ int extract(const Options& options) {
   if (options.detach == "plugin") extractor->detachMethod = options.artboards.empty() ? "all" : "selection";
   if (options.maxConcurrent) extractor->setMaxConcurrentArtboardExport(options.maxConcurrent);
   if (options.batchSize) extractor->setMaxConcurrentArtboardBatchSize(options.batchSize);
+  return extractor;
+}
 
-  auto state = std::make_shared<RunState>();
-  cli::ProgressReporter reporter(cli::progressStyleFromName(options.progress, ::isatty(STDERR_FILENO)));
-  extractor->progressBlock = [&reporter, state](PlexaExtractProcess process, double processProgress, double total) {
+void start(PlexaExtract& extractor, const Options& options, const std::shared_ptr<RunState>& state,
+           cli::ProgressReporter& reporter) {
+  extractor.progressBlock = [&reporter, state](PlexaExtractProcess process, double processProgress, double total) {
     if (process == PlexaExtractProcessDetachingSymbols && processProgress >= 1.0) state->detached = true;
     reporter.report(process, PlexaExtract::titleForProcess(process).value_or(""), processProgress, total);
   };
   std::optional<std::vector<std::string>> artboards;
   if (!options.artboards.empty()) artboards = options.artboards;
-  extractor->startExtractionForArtboardIDs(
+  extractor.startExtractionForArtboardIDs(
       artboards, options.scale, exportOptionsFor(options), nullptr,
       [state](const std::vector<std::string>& names, const std::optional<PXError>& error) {
         state->names = names;
         state->error = error;
         state->done = true;
       });
+}
 
-  auto detachDeadline = started + std::chrono::milliseconds(static_cast<int64_t>(options.detachTimeout * 1000));
+enum class Ending { completed, interrupted, peerSilent };
+
+// Drives the main queue until the run completes, the user interrupts, or a
+// detaching peer (Sketch, Anima) stays silent past the time-out.
+Ending waitForRun(const Options& options, const RunState& state, std::chrono::steady_clock::time_point started) {
+  auto deadline = started + std::chrono::milliseconds(static_cast<int64_t>(options.detachTimeout * 1000));
   bool waitsForPeer = options.detach == "plugin" || options.detach == "anima";
-  bool timedOut = false;
+  Ending ending = Ending::completed;
   PXMainQueue::shared().runUntil(
       [&] {
-        timedOut = waitsForPeer && !state->detached && std::chrono::steady_clock::now() > detachDeadline;
-        return state->done || gInterrupted || timedOut;
+        if (gInterrupted) ending = Ending::interrupted;
+        if (waitsForPeer && !state.detached && std::chrono::steady_clock::now() > deadline)
+          ending = Ending::peerSilent;
+        return state.done || ending != Ending::completed;
       },
       std::chrono::hours(24 * 365));
+  return ending;
+}
+
+int extract(const Options& options) {
+  if (auto problem = outputProblem(options.output)) return fail(kExitInput, options.output, *problem);
+  std::string work = PXFileManager::makeTemporaryDirectory("plexa-extract");
+  if (work.empty()) return fail(kExitInput, "temporary folder", "could not be created");
+  auto started = std::chrono::steady_clock::now();
+  auto extractor = makeExtractor(options, work);
+  auto state = std::make_shared<RunState>();
+  cli::ProgressReporter reporter(cli::progressStyleFromName(options.progress, ::isatty(STDERR_FILENO)));
+  start(*extractor, options, state, reporter);
+  Ending ending = waitForRun(options, *state, started);
   reporter.finish();
 
-  if (gInterrupted || timedOut) {
-    extractor->cancel();
-    extractor.reset();
-    PXFileManager::removeItem(work);
-    if (timedOut)
-      return fail(kExitInput, options.input,
-                  fmt::format("symbol detachment got no answer from {} within {} s", options.detach, options.detachTimeout));
-    fmt::print(stderr, "plexa-extract: cancelled\n");
-    return kExitCancelled;
-  }
-  if (state->error) {
-    extractor.reset();
-    PXFileManager::removeItem(work);
-    return fail(kExitInput, options.input, state->error->localizedDescription);
-  }
-  auto files = copyResults(extractor->outputFolderPath, options.output, state->names);
+  if (ending != Ending::completed) extractor->cancel();
+  std::optional<size_t> files;
+  if (ending == Ending::completed && !state->error)
+    files = copyResults(extractor->outputFolderPath, options.output, state->names);
   int64_t artboardCount = extractor->progressCount();
   extractor.reset();  // deletes its folders; the results are already copied
   PXFileManager::removeItem(work);
+
+  if (ending == Ending::interrupted) {
+    fmt::print(stderr, "plexa-extract: cancelled\n");
+    return kExitCancelled;
+  }
+  if (ending == Ending::peerSilent)
+    return fail(kExitInput, options.input,
+                fmt::format("symbol detachment got no answer from {} within {} s", options.detach, options.detachTimeout));
+  if (state->error) return fail(kExitInput, options.input, state->error->localizedDescription);
   if (!files) return kExitInput;
   double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   fmt::print(stderr, "Extracted {} artboard{}: {} file{} written to {} in {:.2f} s\n", artboardCount,
