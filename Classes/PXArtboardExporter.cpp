@@ -350,6 +350,24 @@ void PXArtboardExporter::exportLayerAssetsForArtboardIDs(const std::optional<std
   });
 }
 
+// Linux caps one argument at 128 KiB, and the layer list is one "--items="
+// argument: a list that would not fit goes to sketchtool in several runs,
+// one after another. Anything smaller is the usual single run.
+std::vector<std::vector<std::string>> PXArtboardExporter::splitForCommandLine(const std::vector<std::string>& ids,
+                                                                             size_t maxArgumentBytes) {
+  std::vector<std::vector<std::string>> runs(1);
+  size_t bytes = 0;
+  for (const auto& id : ids) {
+    if (!runs.back().empty() && bytes + id.size() + 1 > maxArgumentBytes) {
+      runs.emplace_back();
+      bytes = 0;
+    }
+    runs.back().push_back(id);
+    bytes += id.size() + 1;
+  }
+  return runs;
+}
+
 void PXArtboardExporter::startLayerExport(const std::shared_ptr<const JsonObject>& config,
                                           const std::string& outputFolder, AssetProgressHandler progressHandler,
                                           AssetCompletionHandler completionHandler) {
@@ -360,27 +378,41 @@ void PXArtboardExporter::startLayerExport(const std::shared_ptr<const JsonObject
     if (completionHandler) completionHandler(true, {});
     return;
   }
-  auto tool = hasSketchTool() ? createSketchTool() : nullptr;
-  if (!tool) {
+  if (!hasSketchTool()) {
     PXLogError("PXArtboardExporter: no sketchtool found, {} layer assets not exported", layerIDs.size());
     if (completionHandler) completionHandler(false, {});
     return;
   }
-  auto results = std::make_shared<std::vector<std::string>>();
+  auto run = std::make_shared<LayerRun>();
+  run->config = config;
+  run->outputFolder = outputFolder;
+  run->itemRuns = splitForCommandLine(layerIDs);
+  run->progressHandler = std::move(progressHandler);
+  run->completionHandler = std::move(completionHandler);
+  runLayerItems(run, 0);
+}
+
+void PXArtboardExporter::runLayerItems(const std::shared_ptr<LayerRun>& run, size_t index) {
+  auto tool = createSketchTool();
   std::weak_ptr<PXArtboardExporter> weakSelf = weak_from_this();
   std::weak_ptr<PXSketchTool> weakTool = tool;
   tool->sketchFilePath(
-      sketchFilePath(), layerIDs, outputFolder, true, false, 0.9,
-      [weakSelf, config, outputFolder, progressHandler, results](const std::optional<std::string>& layerID,
-                                                                 const std::optional<std::string>& key,
-                                                                 const std::string& fileName) {
+      sketchFilePath(), run->itemRuns[index], run->outputFolder, true, false, 0.9,
+      [weakSelf, run](const std::optional<std::string>& layerID, const std::optional<std::string>& key,
+                      const std::string& fileName) {
         auto self = weakSelf.lock();
         if (!self || self->isCancelled()) return;
-        self->placeLayerFile(*config, layerID, key, fileName, outputFolder, progressHandler, *results);
+        self->placeLayerFile(*run->config, layerID, key, fileName, run->outputFolder, run->progressHandler,
+                             run->results);
       },
-      [self = shared_from_this(), weakTool, results, completionHandler](bool success) {
+      [self = shared_from_this(), weakTool, run, index](bool success) {
         self->releaseSketchTool(weakTool.lock());
-        if (completionHandler) completionHandler(success, *results);
+        run->allSucceeded = run->allSucceeded && success;
+        if (index + 1 < run->itemRuns.size() && !self->isCancelled()) {
+          self->runLayerItems(run, index + 1);
+          return;
+        }
+        if (run->completionHandler) run->completionHandler(run->allSucceeded, run->results);
       });
 }
 

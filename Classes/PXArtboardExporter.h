@@ -61,6 +61,10 @@ class PXArtboardExporter : public std::enable_shared_from_this<PXArtboardExporte
   size_t sketchToolCount() const;
 
   // Element i goes to batch i / n, in order; n of 0 is taken as 1.
+  // Layer IDs in runs whose joined list stays under one command-line
+  // argument's size limit (one run when it all fits).
+  static std::vector<std::vector<std::string>> splitForCommandLine(const std::vector<std::string>& ids,
+                                                                   size_t maxArgumentBytes = 96 * 1024);
   static std::vector<std::vector<std::string>> splitArray(const std::vector<std::string>& array,
                                                           uint64_t inBatchesOf);
   // "jpg" when one of the artboard's export formats is exactly "jpg", else "png".
@@ -116,6 +120,17 @@ class PXArtboardExporter : public std::enable_shared_from_this<PXArtboardExporte
                 const std::shared_ptr<PXAsyncWrapperOperation>& operation);
   std::optional<std::string> placeArtboardImage(const std::string& artboardID, const std::string& fileName,
                                                 const std::string& outputFolder);
+  // One layer export, possibly in several sketchtool runs.
+  struct LayerRun {
+    std::shared_ptr<const JsonObject> config;
+    std::string outputFolder;
+    std::vector<std::vector<std::string>> itemRuns;
+    AssetProgressHandler progressHandler;
+    AssetCompletionHandler completionHandler;
+    std::vector<std::string> results;
+    bool allSucceeded = true;
+  };
+  void runLayerItems(const std::shared_ptr<LayerRun>& run, size_t index);
   void startLayerExport(const std::shared_ptr<const JsonObject>& config, const std::string& outputFolder,
                         AssetProgressHandler progressHandler, AssetCompletionHandler completionHandler);
   void placeLayerFile(const JsonObject& config, const std::optional<std::string>& layerID,

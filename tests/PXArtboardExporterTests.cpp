@@ -476,3 +476,21 @@ TEST(PXArtboardExporterAssets, CancelKillsTheRunAndPlacesNothingMore) {
   EXPECT_FALSE(later.success);
   EXPECT_EQ(toolRuns(doc.toolLog()).size(), 1u);
 }
+
+TEST(PXArtboardExporterLayerRuns, HugeLayerListsAreSplitToFitOneArgument) {
+  std::vector<std::string> ids;
+  for (int i = 0; i < 5000; ++i) ids.push_back(fmt::format("{:08X}-0000-4000-8000-{:012X}", i, i));
+  auto runs = PXArtboardExporter::splitForCommandLine(ids);
+  ASSERT_GT(runs.size(), 1u);
+  std::vector<std::string> joined;
+  for (const auto& run : runs) {
+    size_t bytes = 0;
+    for (const auto& id : run) bytes += id.size() + 1;
+    EXPECT_LE(bytes, 96u * 1024);
+    joined.insert(joined.end(), run.begin(), run.end());
+  }
+  EXPECT_EQ(joined, ids);
+  EXPECT_EQ(PXArtboardExporter::splitForCommandLine({"A", "B"}).size(), 1u);
+  EXPECT_EQ(PXArtboardExporter::splitForCommandLine({"ABCD", "EFGH", "IJ"}, 10),
+            (std::vector<std::vector<std::string>>{{"ABCD", "EFGH"}, {"IJ"}}));
+}
