@@ -19,13 +19,6 @@ using namespace plexa::test;
 
 namespace {
 
-void forEachLayer(const JsonObject& node, const std::function<void(const JsonObject&)>& visit) {
-  visit(node);
-  if (const auto* layers = node.if_contains("layers"); layers && layers->is_array())
-    for (const auto& child : layers->get_array())
-      if (child.is_object()) forEachLayer(child.get_object(), visit);
-}
-
 std::string text(const JsonObject& l, const char* key) {
   return std::string(PXJsonText(l.if_contains(key)).value_or(""));
 }

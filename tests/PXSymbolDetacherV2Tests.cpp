@@ -45,22 +45,6 @@ JsonObject named(JsonObject l, const std::string& name) {
 // The symbol most documents here use: SYM-S holds the rectangle R1.
 JsonObject masterS() { return master("MS", "SYM-S", JsonArray{rect("R1")}); }
 
-void forEachLayer(const JsonObject& node, const std::function<void(const JsonObject&)>& visit) {
-  visit(node);
-  if (const auto* layers = node.if_contains("layers"); layers && layers->is_array())
-    for (const auto& child : layers->get_array())
-      if (child.is_object()) forEachLayer(child.get_object(), visit);
-}
-
-// The first layer, depth first, whose `key` is `value`.
-const JsonObject* findLayer(const JsonObject& node, const std::string& value, const char* key = "do_objectID") {
-  if (const auto* own = node.if_contains(key); own && *own == JsonValue(value)) return &node;
-  if (const auto* layers = node.if_contains("layers"); layers && layers->is_array())
-    for (const auto& child : layers->get_array())
-      if (const auto* hit = child.is_object() ? findLayer(child.get_object(), value, key) : nullptr) return hit;
-  return nullptr;
-}
-
 // As it reads back from a file: whole numbers become integers.
 JsonObject onDisk(const JsonObject& o) { return PXJsonParse(*PXJsonSerialize(o, false))->as_object(); }
 

@@ -54,15 +54,6 @@ JsonObject entry(const std::string& name, JsonValue value) {
   return JsonObject{{"_class", "overrideValue"}, {"overrideName", name}, {"value", std::move(value)}};
 }
 
-// The first layer, depth first, whose `key` is `value`.
-const JsonObject* findLayer(const JsonObject& node, const std::string& value, const char* key = "do_objectID") {
-  if (const auto* own = node.if_contains(key); own && *own == JsonValue(value)) return &node;
-  if (const auto* layers = node.if_contains("layers"); layers && layers->is_array())
-    for (const auto& child : layers->get_array())
-      if (const auto* hit = child.is_object() ? findLayer(child.get_object(), value, key) : nullptr) return hit;
-  return nullptr;
-}
-
 JsonObject imageRef(const std::string& path) {
   return JsonObject{{"_class", "MSJSONFileReference"}, {"_ref_class", "MSImageData"}, {"_ref", path}};
 }

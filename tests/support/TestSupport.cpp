@@ -219,6 +219,21 @@ std::string SketchFixture::writeFolder(const std::string& folder) const {
   return folder;
 }
 
+void forEachLayer(const JsonObject& node, const std::function<void(const JsonObject&)>& visit) {
+  visit(node);
+  if (const auto* layers = node.if_contains("layers"); layers && layers->is_array())
+    for (const auto& child : layers->get_array())
+      if (child.is_object()) forEachLayer(child.get_object(), visit);
+}
+
+const JsonObject* findLayer(const JsonObject& node, const std::string& value, const char* key) {
+  if (const auto* own = node.if_contains(key); own && *own == JsonValue(value)) return &node;
+  if (const auto* layers = node.if_contains("layers"); layers && layers->is_array())
+    for (const auto& child : layers->get_array())
+      if (const auto* hit = child.is_object() ? findLayer(child.get_object(), value, key) : nullptr) return hit;
+  return nullptr;
+}
+
 std::string writeButtonDocument(const std::string& path) {
   JsonObject master = layer("symbolMaster", "M1", "Button", frame(0, 0, 80, 30),
                             JsonArray{layer("text", "T1", "Label", frame(0, 0, 80, 30))});

@@ -113,6 +113,11 @@ class SketchFixture {
   std::vector<std::string> omitted_;
 };
 
+// Visits `node` and every layer below it, depth first.
+void forEachLayer(const JsonObject& node, const std::function<void(const JsonObject&)>& visit);
+// The first layer, depth first, whose `key` is `value`; null when none.
+const JsonObject* findLayer(const JsonObject& node, const std::string& value, const char* key = "do_objectID");
+
 // One artboard "A1" holding an instance "I1" of the master "M1" (symbol
 // "SYM-1", a text "T1") that sits on a second page; returns the path.
 std::string writeButtonDocument(const std::string& path);
