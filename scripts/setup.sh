@@ -10,7 +10,8 @@ packages=(
   libzip-dev libssl-dev libspdlog-dev libplist-dev
   libpango1.0-dev libfontconfig-dev libsdbus-c++-dev libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  dbus-daemon dbus fonts-roboto fonts-open-sans
+  libcairo2-dev libpolyclipping-dev libpng-dev libjpeg62-turbo-dev libdeflate-dev
+  dbus-daemon dbus fonts-roboto fonts-open-sans fonts-lato fonts-karla fonts-play fonts-roboto-slab
 )
 
 missing=()
