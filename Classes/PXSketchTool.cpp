@@ -3,7 +3,9 @@
 #include "Files.h"
 #include "Log.h"
 #include "MainQueue.h"
+#include "PXBuildInfo.h"
 #include "PXCommand.h"
+#include "PathString.h"
 
 #include <algorithm>
 #include <charconv>
@@ -27,6 +29,17 @@ std::vector<std::string>& locations() {
       "/Applications/Sketch Beta.app/Contents/Resources/sketchtool/bin/sketchtool",
       "/usr/local/bin/sketchtool",
   };
+  return list;
+}
+
+std::vector<std::string>& rendererLocations() {
+  static std::vector<std::string> list = [] {
+    std::vector<std::string> places;
+    if (auto program = PXRunningExecutablePath())
+      places.push_back(PXAppendingPathComponent(PXDeletingLastPathComponent(*program), "plexa-sketchtool"));
+    places.push_back(PLEXA_BUILD_TREE_SKETCHTOOL);
+    return places;
+  }();
   return list;
 }
 
@@ -87,11 +100,23 @@ void PXSketchTool::setConfiguredLocations(std::vector<std::string> list) {
   locations() = std::move(list);
 }
 
+std::vector<std::string> PXSketchTool::bundledRendererLocations() {
+  std::lock_guard lock(locationsLock());
+  return rendererLocations();
+}
+
+void PXSketchTool::setBundledRendererLocations(std::vector<std::string> list) {
+  std::lock_guard lock(locationsLock());
+  rendererLocations() = std::move(list);
+}
+
 std::optional<std::string> PXSketchTool::defaultPath() {
   if (const char* fromEnvironment = std::getenv("sketchToolPath"); fromEnvironment && isFile(fromEnvironment))
     return std::string(fromEnvironment);
   for (const auto& location : configuredLocations())
     if (isFile(location)) return location;
+  for (const auto& location : bundledRendererLocations())
+    if (isFile(location) && ::access(location.c_str(), X_OK) == 0) return location;
   if (auto onPath = findOnPath("sketchtool")) return onPath;
   PXLogError("Could not find sketch tool");
   return std::nullopt;

@@ -27,12 +27,18 @@ class PXSketchTool : public std::enable_shared_from_this<PXSketchTool> {
   using Completion = std::function<void(bool success)>;
 
   // The "sketchToolPath" environment variable when it names an existing
-  // file, else the first configured location that exists, else "sketchtool"
-  // on PATH; absent (with an error log line) when none is there.
+  // file, else the first configured location that exists, else the bundled
+  // renderer, else "sketchtool" on PATH; absent (with an error log line)
+  // when none is there.
   static std::optional<std::string> defaultPath();
   // Where an installed Sketch keeps its tool; process-wide, settable by the host.
   static std::vector<std::string> configuredLocations();
   static void setConfiguredLocations(std::vector<std::string> locations);
+  // Where the project's own renderer, which speaks the same command lines,
+  // may be: beside the running program, then in the build tree.
+  // Process-wide, settable by the host.
+  static std::vector<std::string> bundledRendererLocations();
+  static void setBundledRendererLocations(std::vector<std::string> locations);
 
   // Absent path: the default one. nullptr when there is none.
   static std::shared_ptr<PXSketchTool> sketchToolWithPath(const std::optional<std::string>& path);

@@ -220,4 +220,11 @@ std::optional<std::string> PXResolveInside(const std::string& root, const std::s
   return out;
 }
 
+std::optional<std::string> PXRunningExecutablePath() {
+  std::error_code error;
+  auto path = std::filesystem::read_symlink("/proc/self/exe", error);
+  if (error) return std::nullopt;
+  return path.string();
+}
+
 }  // namespace plexa

@@ -50,4 +50,7 @@ std::string makeTemporaryDirectory(const std::string& prefix);
 // symbolic link; nullopt when it would escape.
 std::optional<std::string> PXResolveInside(const std::string& root, const std::string& candidate);
 
+// The file of the program this process runs; absent when the system does not say.
+std::optional<std::string> PXRunningExecutablePath();
+
 }  // namespace plexa

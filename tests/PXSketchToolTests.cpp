@@ -1,4 +1,5 @@
 #include "Files.h"
+#include "PathString.h"
 #include "MainQueue.h"
 #include "PXCommand.h"
 #include "PXSketchTool.h"
@@ -19,13 +20,18 @@ const std::string kFakeSketchtool = PLEXA_TEST_BINARY_DIR "/fake-sketchtool";
 
 class ScopedLocations {
  public:
-  explicit ScopedLocations(std::vector<std::string> locations) : old_(PXSketchTool::configuredLocations()) {
+  explicit ScopedLocations(std::vector<std::string> locations, std::vector<std::string> renderers = {})
+      : old_(PXSketchTool::configuredLocations()), oldRenderers_(PXSketchTool::bundledRendererLocations()) {
     PXSketchTool::setConfiguredLocations(std::move(locations));
+    PXSketchTool::setBundledRendererLocations(std::move(renderers));
   }
-  ~ScopedLocations() { PXSketchTool::setConfiguredLocations(old_); }
+  ~ScopedLocations() {
+    PXSketchTool::setConfiguredLocations(old_);
+    PXSketchTool::setBundledRendererLocations(oldRenderers_);
+  }
 
  private:
-  std::vector<std::string> old_;
+  std::vector<std::string> old_, oldRenderers_;
 };
 
 std::string makeExecutable(const std::string& path, const std::string& script) {
@@ -87,13 +93,20 @@ TEST(PXSketchToolCommandLines, TheToolReceivesTheArgumentsUnchanged) {
   EXPECT_TRUE(*run.success);
 }
 
-TEST(PXSketchToolLocation, EnvironmentThenConfiguredLocationsThenPathThenNothing) {
+TEST(PXSketchToolLocation, BundledRendererIsLookedForBesideTheProgramThenInTheBuildTree) {
+  std::string buildTree = PXDeletingLastPathComponent(PLEXA_TEST_BINARY_DIR);
+  EXPECT_EQ(PXSketchTool::bundledRendererLocations(),
+            (std::vector<std::string>{PLEXA_TEST_BINARY_DIR "/plexa-sketchtool", buildTree + "/plexa-sketchtool"}));
+}
+
+TEST(PXSketchToolLocation, EnvironmentThenConfiguredLocationsThenRendererThenPathThenNothing) {
   test::TempDir dir;
   std::string fromEnvironment = makeExecutable(dir / "env-tool", "#!/bin/sh\n");
   std::string configured = makeExecutable(dir / "configured-tool", "#!/bin/sh\n");
+  std::string renderer = makeExecutable(dir / "plexa-sketchtool", "#!/bin/sh\n");
   PXFileManager::createDirectory(dir / "bin", true);
   std::string onPath = makeExecutable(dir / "bin/sketchtool", "#!/bin/sh\n");
-  ScopedLocations locations({dir / "missing-tool", configured});
+  ScopedLocations locations({dir / "missing-tool", configured}, {dir / "missing-renderer", renderer});
   test::ScopedEnv path("PATH", dir / "bin");
   test::ScopedEnv env("sketchToolPath", fromEnvironment);
   EXPECT_EQ(PXSketchTool::defaultPath(), fromEnvironment);
@@ -105,6 +118,8 @@ TEST(PXSketchToolLocation, EnvironmentThenConfiguredLocationsThenPathThenNothing
   EXPECT_EQ(PXSketchTool::defaultPath(), configured);
 
   PXSketchTool::setConfiguredLocations({dir / "missing-tool"});
+  EXPECT_EQ(PXSketchTool::defaultPath(), renderer);
+  chmod(renderer.c_str(), 0644);  // present but not runnable: passed over
   EXPECT_EQ(PXSketchTool::defaultPath(), onPath);
   auto tool = PXSketchTool::sketchToolWithPath(std::nullopt);
   ASSERT_TRUE(tool);
