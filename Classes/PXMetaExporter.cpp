@@ -56,24 +56,6 @@ bool isPlainFileName(const std::string& name) {
          name.find('\0') == std::string::npos;
 }
 
-// The artboard or symbol master `artboardID` among the page's top-level
-// layers (the last one when the ID repeats), as the reader finds it, but
-// shared with the cached page instead of copied out of it.
-std::shared_ptr<const JsonObject> artboardInPage(const std::shared_ptr<const JsonObject>& page,
-                                                 const std::string& artboardID) {
-  if (!page) return nullptr;
-  auto layers = page->find("layers");
-  if (layers == page->end() || !layers->value().is_array()) return nullptr;
-  const JsonObject* match = nullptr;
-  for (const auto& layer : layers->value().get_array()) {
-    auto cls = PXJsonTextFor(&layer, "_class");
-    auto id = PXJsonTextFor(&layer, "do_objectID");
-    if (cls && (*cls == "artboard" || *cls == "symbolMaster") && id && *id == artboardID) match = &layer.get_object();
-  }
-  if (!match) return nullptr;
-  return std::shared_ptr<const JsonObject>(page, match);
-}
-
 bool hasJPGExportFormat(const JsonObject* artboard) {
   if (!artboard) return false;
   auto options = artboard->find("exportOptions");
@@ -113,7 +95,7 @@ std::optional<std::string> PXMetaExporter::formattedMetaJSONFileForArtboardID(co
                                                                               const JsonObject* assetIds) {
   auto pageID = sketchReader->pageIDByArtboardID(artboardID);
   auto page = pageID ? sketchReader->pageJSONByID(*pageID) : nullptr;
-  auto artboard = artboardInPage(page, artboardID);
+  auto artboard = page ? sketchReader->artboardByID(artboardID) : nullptr;
   std::optional<std::string_view> artboardName;
   if (artboard)
     if (auto it = artboard->find("name"); it != artboard->end()) artboardName = PXJsonText(&it->value());
@@ -193,7 +175,7 @@ void PXMetaExporter::formattedJSONFileForSelectedArtboardIDs(const std::vector<s
 JsonObject PXMetaExporter::syncInfoForArtboardID(const std::string& artboardID, bool isSyncing, uint64_t index,
                                                  double scale, const std::string& sketchFileURLName) {
   auto pageID = sketchReader->pageIDByArtboardID(artboardID);
-  auto artboard = artboardInPage(pageID ? sketchReader->pageJSONByID(*pageID) : nullptr, artboardID);
+  auto artboard = pageID ? sketchReader->artboardByID(artboardID) : nullptr;
   std::optional<std::string> name;
   if (artboard)
     if (auto it = artboard->find("name"); it != artboard->end() && it->value().is_string())
@@ -229,7 +211,7 @@ PXMetaMissingLayerHandler PXMetaExporter::missingLayerHandler() {
     if (auto pageID = self->sketchReader->pageIDByArtboardID(artboardID)) {
       PXMetaMissingLayer layer;
       layer.pageJSON = self->sketchReader->pageJSONByID(*pageID);
-      layer.artboardJSON = artboardInPage(layer.pageJSON, artboardID);
+      layer.artboardJSON = layer.pageJSON ? self->sketchReader->artboardByID(artboardID) : nullptr;
       answer = std::move(layer);
     }
     found->emplace(artboardID, answer);

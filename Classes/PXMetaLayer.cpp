@@ -260,6 +260,10 @@ JsonObject shapeRecord(const JsonObject& layer, const Context& context, const La
 
 // --- Lines -----------------------------------------------------------------
 
+// The shifted start of a line is stored unrounded: the single-precision
+// value itself, not its shortest decimal form.
+double exactFloat(float value) { return std::isfinite(value) ? static_cast<double>(value) : 0.0; }
+
 // The two ends of a line drawn by its stroke, in the record's coordinates.
 void addLineEnds(JsonObject& record, const JsonObject& layer, const LayerFacts& facts, const JsonArray& points) {
   float x = static_cast<float>(record["x"].to_number<double>());
@@ -274,7 +278,7 @@ void addLineEnds(JsonObject& record, const JsonObject& layer, const LayerFacts& 
   float y2 = 0;
   if (thickness >= height - 1) {  // a horizontal line: its stroke is its height
     y = y + std::max(1.0f, std::min(thickness, height) / 2);
-    record["y"] = PXMetaFloatNumber(y);
+    record["y"] = exactFloat(y);
     y2 = (frameHeight + y) - std::max(2.0f, std::min(thickness, height));
   } else {
     y2 = y + frameHeight;
@@ -282,7 +286,7 @@ void addLineEnds(JsonObject& record, const JsonObject& layer, const LayerFacts& 
   float x2 = 0;
   if (thickness >= width - 1) {
     x = x + std::max(1.0f, std::min(thickness, width) / 2);
-    record["x"] = PXMetaFloatNumber(x);
+    record["x"] = exactFloat(x);
     x2 = (frameWidth + x) - std::max(2.0f, std::min(thickness, width));
   } else {
     x2 = x + frameWidth;

@@ -7,8 +7,10 @@
 #include "PXCommand.h"
 #include "PXFileWriter.h"
 #include "PathString.h"
+#include "Process.h"
 
 #include <cstdlib>
+#include <utility>
 
 namespace plexa {
 
@@ -35,6 +37,17 @@ bool writeRequest(const JsonValue& request, const std::string& path) {
   auto text = PXFileManager::readFile(path);
   auto written = text ? PXJsonParse(*text) : std::nullopt;
   return written && *written == request;
+}
+
+// Runs the open command; why Sketch could not be reached, or nothing.
+std::optional<std::string> runOpenCommand(const std::string& tool, const std::vector<std::string>& arguments) {
+  if (tool.empty()) return "Sketch could not be started: no sketchtool to run";
+  PXProcessOutput result = PXRunProcess(tool, arguments);
+  if (!result.launched) return fmt::format("Sketch could not be started: {} cannot be run ({})", tool, result.error);
+  if (result.exitCode == 0) return std::nullopt;
+  std::string said = result.output.substr(0, result.output.find('\n'));
+  return fmt::format("Sketch could not be started: {} run … openDocument ended with status {}{}{}", tool,
+                     result.exitCode, said.empty() ? "" : ": ", said);
 }
 
 }  // namespace
@@ -113,10 +126,21 @@ void PXSketchLauncher::openDocument(const std::string& filePath, OpenDocumentHan
   setOnOpenDocumentHandler(std::move(completion));
   // Only values travel to the queue: the answer comes back through the
   // observers, so the request needs nothing else from the launcher.
-  queue->async([request = JsonValue(JsonObject{{"filePath", standardizedPath(filePath)}}),
+  queue->async([weak = weak_from_this(), request = JsonValue(JsonObject{{"filePath", standardizedPath(filePath)}}),
                 requestPath = openDocumentRequestPath(), plugin = pluginPath(), tool = sketchToolPath] {
     if (!writeRequest(request, requestPath)) PXLogVerbose("PXSketchLauncher failed to write openDocument.json");
-    runCommand(tool, {"run", plugin, "openDocument"});
+    // Sketch answers only once the command reached it: a command that could
+    // not run, or failed, means no answer will ever come.
+    auto failure = runOpenCommand(tool, {"run", plugin, "openDocument"});
+    if (!failure) return;
+    PXLogError("{}", *failure);
+    if (auto self = weak.lock()) {
+      {
+        std::lock_guard lock(self->handlersMutex_);
+        self->openFailure_ = *failure;
+      }
+      self->answerOpenDocument(false);
+    }
   });
 }
 
@@ -128,6 +152,11 @@ void PXSketchLauncher::setOnStartupHandler(StartupHandler handler) {
 void PXSketchLauncher::setOnOpenDocumentHandler(OpenDocumentHandler handler) {
   std::lock_guard lock(handlersMutex_);
   onOpenDocumentHandler_ = std::move(handler);
+}
+
+std::optional<std::string> PXSketchLauncher::takeOpenFailure() {
+  std::lock_guard lock(handlersMutex_);
+  return std::exchange(openFailure_, std::nullopt);
 }
 
 bool PXSketchLauncher::hasOnOpenDocumentHandler() {

@@ -65,6 +65,9 @@ class PXSketchLauncher : public std::enable_shared_from_this<PXSketchLauncher> {
   void setOnStartupHandler(StartupHandler handler);
   void setOnOpenDocumentHandler(OpenDocumentHandler handler);
   bool hasOnOpenDocumentHandler();
+  // Why the last open request was answered "not found" without Sketch being
+  // reached (the command could not be run or failed); taken once.
+  std::optional<std::string> takeOpenFailure();
 
   std::string sketchToolPath;
   std::string tempFolderPath;  // kept for callers
@@ -84,6 +87,7 @@ class PXSketchLauncher : public std::enable_shared_from_this<PXSketchLauncher> {
   std::mutex handlersMutex_;
   StartupHandler onStartupHandler_;
   OpenDocumentHandler onOpenDocumentHandler_;
+  std::optional<std::string> openFailure_;
   std::vector<PXNotificationObserver> observers_;
 };
 

@@ -2,6 +2,7 @@
 
 #include "Files.h"
 #include "Log.h"
+#include "Parallel.h"
 
 #include <sys/stat.h>
 
@@ -152,36 +153,96 @@ bool PXSketchOpenFormatReader::isValid() const {
   return valid;
 }
 
-std::optional<std::string> PXSketchOpenFormatReader::pageIDByArtboardID(const std::string& artboardID) {
-  auto meta = metaJSON();
-  if (!meta) return std::nullopt;
-  const JsonObject* pages = nullptr;
-  if (auto it = meta->find("pagesAndArtboards"); it != meta->end()) pages = it->value().if_object();
-  if (!pages) return std::nullopt;
-  std::optional<std::string> found;
-  for (const auto& page : *pages) {
-    const auto* artboards = PXJsonObjectFor(&page.value(), "artboards");
-    if (artboards && artboards->contains(artboardID)) found = std::string(page.key());
-  }
-  return found;
+void PXSketchOpenFormatReader::adoptPages(const PageMap& pages) {
+  std::lock_guard guard(lock_);
+  for (const auto& [pageID, page] : pages)
+    if (page) cachedPages_[pageID] = page;
 }
 
-std::optional<JsonObject> PXSketchOpenFormatReader::artboardJSONByID(const std::string& artboardID) {
-  auto pageID = pageIDByArtboardID(artboardID);
-  if (!pageID) return std::nullopt;
-  auto page = pageJSONByID(*pageID);
-  if (!page) return std::nullopt;
+void PXSketchOpenFormatReader::preloadPages(const std::vector<std::string>& pageIDs) {
+  std::vector<std::string> wanted;
+  {
+    std::lock_guard guard(lock_);
+    for (const auto& pageID : pageIDs)
+      if (isSafePageID(pageID) && !cachedPages_.contains(pageID) &&
+          std::find(wanted.begin(), wanted.end(), pageID) == wanted.end())
+        wanted.push_back(pageID);
+  }
+  std::vector<Dictionary> parsed(wanted.size());
+  PXParallelFor(wanted.size(), [&](size_t i) {
+    std::string error;
+    bool missing = false;
+    try {
+      parsed[i] = parseFile(pathFor(pagesFolderPath) + "/" + wanted[i] + ".json", error, missing);
+    } catch (const std::exception&) {
+      // Out of memory, most likely: pageJSONByID meets it again on its own thread.
+    }
+  });
+  std::lock_guard guard(lock_);
+  for (size_t i = 0; i < wanted.size(); ++i)
+    if (parsed[i]) cachedPages_.try_emplace(wanted[i], std::move(parsed[i]));
+}
+
+// The last page that lists an artboard wins, as a visit of every page would
+// find it.
+const std::map<std::string, std::string, std::less<>>& PXSketchOpenFormatReader::pageIDIndex(const Dictionary& meta) {
+  if (indexedMeta_ == meta) return pageIDByArtboard_;
+  pageIDByArtboard_.clear();
+  indexedMeta_ = meta;
+  const JsonObject* pages = nullptr;
+  if (auto it = meta->find("pagesAndArtboards"); it != meta->end()) pages = it->value().if_object();
+  for (const auto& page : pages ? *pages : JsonObject()) {
+    const auto* artboards = PXJsonObjectFor(&page.value(), "artboards");
+    if (!artboards) continue;
+    for (const auto& artboard : *artboards) pageIDByArtboard_[std::string(artboard.key())] = std::string(page.key());
+  }
+  return pageIDByArtboard_;
+}
+
+// The last matching top-level layer wins, as a scan of the page would find it.
+const PXSketchOpenFormatReader::LayerIndex& PXSketchOpenFormatReader::layerIndex(const std::string& pageID,
+                                                                                  const Dictionary& page) {
+  auto& entry = layersByPage_[pageID];
+  if (entry.first == page) return entry.second;
+  entry.first = page;
+  entry.second.clear();
   auto it = page->find("layers");
-  if (it == page->end() || !it->value().is_array()) return std::nullopt;
-  const JsonObject* match = nullptr;
+  if (it == page->end() || !it->value().is_array()) return entry.second;
   for (const auto& layer : it->value().get_array()) {
     auto cls = PXJsonTextFor(&layer, "_class");
     auto id = PXJsonTextFor(&layer, "do_objectID");
-    if (cls && (*cls == "artboard" || *cls == "symbolMaster") && id && *id == artboardID)
-      match = &layer.get_object();
+    if (cls && (*cls == "artboard" || *cls == "symbolMaster") && id)
+      entry.second.insert_or_assign(std::string(*id), &layer.get_object());
   }
-  if (!match) return std::nullopt;
-  return JsonObject(*match, boost::json::storage_ptr());  // a plain heap copy, not one in the page's arena
+  return entry.second;
+}
+
+std::optional<std::string> PXSketchOpenFormatReader::pageIDByArtboardID(const std::string& artboardID) {
+  auto meta = metaJSON();
+  if (!meta) return std::nullopt;
+  std::lock_guard guard(indexLock_);
+  const auto& index = pageIDIndex(meta);
+  auto it = index.find(artboardID);
+  if (it == index.end()) return std::nullopt;
+  return it->second;
+}
+
+PXSketchOpenFormatReader::Dictionary PXSketchOpenFormatReader::artboardByID(const std::string& artboardID) {
+  auto pageID = pageIDByArtboardID(artboardID);
+  if (!pageID) return nullptr;
+  auto page = pageJSONByID(*pageID);
+  if (!page) return nullptr;
+  std::lock_guard guard(indexLock_);
+  const auto& index = layerIndex(*pageID, page);
+  auto it = index.find(artboardID);
+  if (it == index.end()) return nullptr;
+  return Dictionary(page, it->second);
+}
+
+std::optional<JsonObject> PXSketchOpenFormatReader::artboardJSONByID(const std::string& artboardID) {
+  auto artboard = artboardByID(artboardID);
+  if (!artboard) return std::nullopt;
+  return JsonObject(*artboard, boost::json::storage_ptr());  // a plain heap copy, not one in the page's arena
 }
 
 int64_t PXSketchOpenFormatReader::pageIndexByPageID(const std::optional<std::string>& pageID) {
@@ -217,13 +278,17 @@ std::vector<std::string> PXSketchOpenFormatReader::artboardIDs() {
 
 std::vector<std::string> PXSketchOpenFormatReader::sortedArtboardIDs() {
   auto all = artboardIDs();
-  std::set<std::string> remaining(all.begin(), all.end());
+  std::set<std::string, std::less<>> remaining(all.begin(), all.end());
   std::vector<std::string> sorted;
   auto document = documentJSON();
   const JsonArray* pages = nullptr;
   if (document) {
     if (auto it = document->find("pages"); it != document->end()) pages = it->value().if_array();
   }
+  std::vector<std::string> pageIDs;
+  for (const auto& ref : pages ? *pages : JsonArray())
+    if (auto refText = PXJsonTextFor(&ref, "_ref")) pageIDs.push_back(removingAll(std::string(*refText), "pages/"));
+  preloadPages(pageIDs);
   for (const auto& ref : pages ? *pages : JsonArray()) {
     auto refText = PXJsonTextFor(&ref, "_ref");
     if (!refText) continue;
@@ -231,16 +296,17 @@ std::vector<std::string> PXSketchOpenFormatReader::sortedArtboardIDs() {
     if (!page) continue;
     auto it = page->find("layers");
     if (it == page->end() || !it->value().is_array()) continue;
-    std::vector<std::string> onPage;
+    // Topmost layer first: the page's layers in reverse.
+    const size_t pageStart = sorted.size();
     for (const auto& layer : it->value().get_array()) {
       auto id = PXJsonTextFor(&layer, "do_objectID");
       if (!id) continue;
-      auto found = remaining.find(std::string(*id));
+      auto found = remaining.find(*id);
       if (found == remaining.end()) continue;
-      onPage.insert(onPage.begin(), *found);
+      sorted.push_back(*found);
       remaining.erase(found);
     }
-    sorted.insert(sorted.end(), onPage.begin(), onPage.end());
+    std::reverse(sorted.begin() + static_cast<std::ptrdiff_t>(pageStart), sorted.end());
   }
   sorted.insert(sorted.end(), remaining.begin(), remaining.end());  // std::set is ascending
   return sorted;

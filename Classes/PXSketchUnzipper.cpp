@@ -9,7 +9,9 @@
 #include "PXSymbolDetacherV2.h"
 #include "Zip.h"
 
+#include <filesystem>
 #include <set>
+#include <utility>
 
 namespace plexa {
 
@@ -63,6 +65,7 @@ std::string PXSketchUnzipper::unzipToFolderPath(const std::string& folder, Compl
 
   if (!detachesSymbols()) {
     auto result = unzip(sketchFilePath, folder);
+    if (!result.success) failureReason = result.output;
     if (completion)
       PXGlobalQueue()->async([completion = std::move(completion), success = result.success, path = sketchFilePath] {
         completion(success, path);
@@ -153,6 +156,7 @@ void PXSketchUnzipper::cancel() {
 // folder; progress goes to the delegate in six steps.
 void PXSketchUnzipper::detachUsingV2(Completion completion) {
   auto unzipped = unzip(sketchFilePath, outputFolderPath);
+  if (!unzipped.success) failureReason = unzipped.output;
   if (isCancelled()) return;
   detachedSketchFilePath = PXAppendingPathComponent(outputFolderPath, PXLastPathComponent(sketchFilePath));
   PXGlobalQueue()->async([self = shared_from_this(), completion = std::move(completion), unzipped = unzipped.success] {
@@ -165,24 +169,12 @@ void PXSketchUnzipper::detachUsingV2(Completion completion) {
       auto ids = self->detachingArtboardIds.value_or(std::vector<std::string>{});
       v2->setDetachingArtboardIds(std::set<std::string>(ids.begin(), ids.end()));
     }
-    bool result = false;
+    v2->stableIdentifiers = self->stableIdentifiers;
     self->updateProgress(0, 5);
-    if (unzipped && v2->loadDocument()) {
-      self->updateProgress(1, 5);
-      v2->findSymbols();
-      if (self->isCancelled()) return;
-      self->updateProgress(2, 5);
-      v2->detachSymbols();
-      self->updateProgress(3, 5);
-      v2->savePages();
-      if (self->isCancelled()) return;
-      self->updateProgress(4, 5);
-      result = v2->saveToUrl(self->detachedSketchFilePath);
-      self->updateProgress(5, 5);
-      if (self->isCancelled()) return;
-    }
-    // The detacher holds every page in memory; the later stages read the
-    // saved files, so let it go before they start.
+    bool result = unzipped && self->runV2Detacher(*v2);
+    if (self->isCancelled()) return;
+    // The detacher held every page and master; what the later stages read
+    // now lives in detachedPages_ (or in the saved files).
     {
       std::lock_guard lock(self->detacherMutex_);
       self->currentV2Detacher_.reset();
@@ -192,6 +184,83 @@ void PXSketchUnzipper::detachUsingV2(Completion completion) {
       if (completion) completion(result, self->outputFolderPath);
     });
   });
+}
+
+bool PXSketchUnzipper::fitsDetachMemoryBudget() {
+  uint64_t jsonBytes = 0;
+  std::error_code ec;
+  for (std::filesystem::recursive_directory_iterator it(outputFolderPath, ec), end; !ec && it != end; it.increment(ec))
+    if (it->is_regular_file(ec) && PXPathExtension(it->path().string()) == "json") jsonBytes += it->file_size(ec);
+  const uint64_t estimate = jsonBytes * kDetachBytesPerJsonByte;
+  if (estimate <= detachMemoryBudget) return true;
+  failureReason = fmt::format("detaching its symbols would need about {:.1f} GB of memory, more than the budget of {:.1f} GB",
+                              static_cast<double>(estimate) / (1 << 30), static_cast<double>(detachMemoryBudget) / (1 << 30));
+  PXLogError("Symbols not detached: {} {}", PXLastPathComponent(sketchFilePath), failureReason);
+  return false;
+}
+
+// Progress steps 1 to 5 of 5, whether or not the pages are written.
+bool PXSketchUnzipper::runV2Detacher(PXSymbolDetacherV2& v2) {
+  if (!fitsDetachMemoryBudget()) return false;
+  if (!v2.loadDocument()) return false;
+  updateProgress(1, 5);
+  v2.findSymbols();
+  if (isCancelled()) return false;
+  updateProgress(2, 5);
+  v2.detachSymbols();
+  if (v2.failureReason) {
+    failureReason = *v2.failureReason;
+    return false;
+  }
+  v2.symbols.reset();  // the masters' copies are not needed past the walk
+  updateProgress(3, 5);
+  // Pages that only feed sketchtool are written compact; the user's own
+  // copy keeps the indented form when asked for.
+  v2.prettyPages = prettyPrint;
+  if (writesDetachedFile) v2.savePages();
+  if (isCancelled()) return false;
+  updateProgress(4, 5);
+  bool result = true;
+  if (writesDetachedFile) {
+    result = v2.saveToUrl(detachedSketchFilePath);
+  } else if (!PXFileManager::fileExists(v2.workingUrl)) {
+    PXLogError("Could not save. File does not exist");
+    result = false;
+  }
+  keepDetachedPages(v2);
+  updateProgress(5, 5);
+  return result;
+}
+
+// Pages go over as their files would read back. One too deep for the parser
+// would not read back at all: it is written, so that the reader finds and
+// reports the same file either way.
+void PXSketchUnzipper::keepDetachedPages(PXSymbolDetacherV2& v2) {
+  auto pagesFolder = PXResolveInside(v2.workingUrl, "pages");
+  PXSketchOpenFormatReader::PageMap kept;
+  bool unreadable = false;
+  for (auto& page : v2.pages) {
+    if (!pagesFolder || PXDeletingLastPathComponent(page.url) != *pagesFolder || PXPathExtension(page.url) != "json")
+      continue;
+    auto roundTrip = PXJsonNormalizeAsWritten(page.json);
+    if (roundTrip.nonFinite > 0 && !writesDetachedFile)
+      PXLogWarn("Replaced {} non-finite numbers in {}", roundTrip.nonFinite, page.url);
+    if (!roundTrip.readable) {
+      unreadable = true;
+      continue;
+    }
+    kept[PXDeletingPathExtension(PXLastPathComponent(page.url))] =
+        std::make_shared<const JsonObject>(std::move(page.json.get_object()));
+  }
+  if (unreadable && !writesDetachedFile) v2.savePages();
+  v2.pages.clear();
+  std::lock_guard lock(detacherMutex_);
+  detachedPages_ = std::move(kept);
+}
+
+PXSketchOpenFormatReader::PageMap PXSketchUnzipper::takeDetachedPages() {
+  std::lock_guard lock(detacherMutex_);
+  return std::exchange(detachedPages_, {});
 }
 
 // Sketch detaches into a copy, which is then unzipped. The plug-in reports
@@ -206,9 +275,17 @@ void PXSketchUnzipper::detachUsingPlugin(Completion completion) {
     plugin->detachingArtboardIds = self->detachingArtboardIds.value_or(std::vector<std::string>{});
     plugin->saveAsPath = saveAs;
     plugin->sketchToolPath = self->sketchToolPath;
-    plugin->detachOnCompletion([self, completion, saveAs] {
+    plugin->detachOnCompletion([self, completion, saveAs](bool detached, const std::optional<std::string>& message) {
+      // Sketch never opened the document: there is no copy to unzip.
+      if (!detached && message) {
+        PXLogVerbose("PXSketchUnzipper symbol detachment through Sketch failed: {}", *message);
+        self->failureReason = *message;
+        if (completion) PXGlobalQueue()->async([completion, saveAs] { completion(false, saveAs); });
+        return;
+      }
       PXGlobalQueue()->async([self, completion, saveAs] {
         auto result = self->unzip(saveAs, self->outputFolderPath);
+        if (!result.success) self->failureReason = result.output;
         if (completion) completion(result.success, saveAs);
       });
     });

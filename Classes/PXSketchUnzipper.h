@@ -2,6 +2,7 @@
 // Turns the input .sketch file into an unzipped folder of JSON files for the
 // later stages, detaching symbols on the way when asked to.
 
+#include "PXSketchOpenFormatReader.h"
 #include "PXSymbolDetacher.h"
 
 #include <atomic>
@@ -50,6 +51,9 @@ class PXSketchUnzipper : public PXSymbolDetacherDelegate, public std::enable_sha
   std::string outputFolderPath;
   std::optional<std::vector<std::string>> detachingArtboardIds;
   bool prettyPrint = false;
+  // The JSON detacher derives the identifiers of copied layers instead of
+  // drawing them, so that two runs give identical output.
+  bool stableIdentifiers = false;
   // "none", "selection" or "all"; absent counts as "none".
   std::optional<std::string> detachMethod;
   bool v2Detacher = false;
@@ -57,6 +61,26 @@ class PXSketchUnzipper : public PXSymbolDetacherDelegate, public std::enable_sha
   std::weak_ptr<PXSketchUnzipperDelegate> delegate;
   // Archives that inflate past this are refused.
   uint64_t maxUncompressedBytes = kDefaultMaxUncompressedBytes;
+  // Why the last unzip failed, in words about the user's file; set before a
+  // failing completion is called.
+  std::string failureReason;
+  // With the JSON detacher: whether anything will read the detached .sketch
+  // file (sketchtool does). Without such a reader the detached pages are
+  // neither written back nor zipped; they wait in detachedPages instead.
+  bool writesDetachedFile = true;
+  // The JSON detacher holds the whole document, masters and detached copies
+  // in memory: about kDetachBytesPerJsonByte bytes for each byte of the
+  // pages' JSON. A document whose estimate passes this budget is refused
+  // (an unzip failure, logged as an error) rather than left for the kernel
+  // to kill the process.
+  static constexpr uint64_t kDefaultDetachMemoryBudget = 8ull << 30;
+  static constexpr uint64_t kDetachBytesPerJsonByte = 12;
+  uint64_t detachMemoryBudget = kDefaultDetachMemoryBudget;
+
+  // The JSON detacher's pages, as the folder's files would read back, for
+  // the readers of the folder to adopt; taken once, so that the pages live
+  // only as long as those readers.
+  PXSketchOpenFormatReader::PageMap takeDetachedPages();
 
   // Unzips `sketchFilePath` into `folder` (detaching first or after, as
   // configured) and returns a status text. The completion gets success and
@@ -90,11 +114,15 @@ class PXSketchUnzipper : public PXSymbolDetacherDelegate, public std::enable_sha
   bool detachesSymbols() const;
   void detachUsingV2(Completion completion);
   void detachUsingPlugin(Completion completion);
+  bool runV2Detacher(PXSymbolDetacherV2& v2);
+  bool fitsDetachMemoryBudget();
+  void keepDetachedPages(PXSymbolDetacherV2& v2);
 
   std::atomic<bool> cancelled_{false};
   std::mutex detacherMutex_;
   std::shared_ptr<PXSymbolDetacher> detacher_;
   std::shared_ptr<PXSymbolDetacherV2> currentV2Detacher_;
+  PXSketchOpenFormatReader::PageMap detachedPages_;
 };
 
 }  // namespace plexa

@@ -136,7 +136,7 @@ bool PXSymbolDetacher::detachOnCompletion(Completion completion) {
 void PXSymbolDetacher::documentOpened(bool found, const std::string& configPath, Completion completion) {
   if (!found) {
     PXFileManager::removeItem(configPath);
-    std::string message = fmt::format("failed to find file {}", sketchFilePath);
+    std::string message = sketchLauncher->takeOpenFailure().value_or(fmt::format("failed to find file {}", sketchFilePath));
     PXLogVerbose("{}", message);
     completion(false, message);
     return;

@@ -70,6 +70,21 @@ void storeAlongPath(JsonObject& overrides, std::string_view path, JsonValue valu
   (*current)[ids.back()] = std::move(value);
 }
 
+// The layer's own archive with the text replaced, so that the first
+// character's attributes stay exactly as archived (natural alignment, tab
+// stops, text lists and whatever else the model does not read); absent when
+// the layer has no archive that reads back.
+std::optional<std::string> rearchivedText(const JsonObject& node, std::string_view text) {
+  auto base64 =
+      PXJsonTextFor(PXJsonFind(member(node, "attributedString"), "archivedAttributedString"), "_archive");
+  if (!base64) return std::nullopt;
+  auto bytes = PXBase64Decode(*base64);
+  if (!bytes) return std::nullopt;
+  auto archive = PXArchiveReplacingAttributedStringText(*bytes, text);
+  if (!archive) return std::nullopt;
+  return PXBase64Encode(*archive);
+}
+
 std::string describe(const JsonValue& value) {
   auto text = PXJsonSerialize(value, false);
   return text ? *text : std::string("<not printable>");
@@ -111,7 +126,9 @@ JsonObject PXSymbolDetacherV2::nodeOverrides(const JsonObject& instance) const {
 
 void PXSymbolDetacherV2::updateNode(JsonObject& node, const JsonObject& overrides, const JsonObject& parent,
                                     double ratioWidth, double ratioHeight) {
-  ++copiedLayers_;
+  // The count made before the walk misses symbols that overrides swap in and
+  // cycles it cut differently; this one stops the walk (after this layer).
+  if (++copiedLayers_ > maxCopiedLayers) refuse(copiedLayers_);
   const unsigned mask = resizingMask(node);
   const double ownWidthRatio = stretchNode(node, parent, false, mask, ratioWidth);
   const double ownHeightRatio = stretchNode(node, parent, true, mask, ratioHeight);
@@ -212,7 +229,8 @@ bool PXSymbolDetacherV2::overrideTextNode(JsonObject& node, std::string_view tex
 
   PXAttributedString replaced = std::move(*original);
   replaced.replaceAllText(std::string(text));
-  auto archive = PXArchiveAttributedStringToBase64(replaced);
+  auto archive = rearchivedText(node, text);
+  if (!archive) archive = PXArchiveAttributedStringToBase64(replaced);
   if (!archive) return false;
   node["attributedString"] = JsonObject{{"archivedAttributedString", JsonObject{{"_archive", std::move(*archive)}}}};
 

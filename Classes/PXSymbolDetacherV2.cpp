@@ -2,20 +2,44 @@
 
 #include "Files.h"
 #include "Log.h"
+#include "Parallel.h"
 #include "PathString.h"
 #include "Zip.h"
 
+#include <boost/uuid/name_generator_sha1.hpp>
 #include <boost/uuid/random_generator.hpp>
+#include <boost/uuid/uuid_hash.hpp>
 #include <boost/uuid/uuid_io.hpp>
 
 #include <algorithm>
 #include <cctype>
 #include <cmath>
+#include <limits>
+#include <unordered_map>
+#include <unordered_set>
 
 namespace plexa {
 
+namespace {
+
+// Fixed, so that derived identifiers are the same in every run.
+const boost::uuids::uuid kStableIdentifierNamespace{
+    {0xae, 0xd8, 0xbc, 0x4f, 0x26, 0xae, 0x49, 0x02, 0xa1, 0x14, 0x0d, 0xc5, 0x30, 0x4a, 0xbb, 0xdd}};
+
+}  // namespace
+
 struct PXSymbolDetacherV2::IdentifierSource {
-  boost::uuids::random_generator_mt19937 generate;
+  boost::uuids::random_generator_mt19937 random;
+  boost::uuids::name_generator_sha1 derive{kStableIdentifierNamespace};
+  // Derived identifiers of this run, and how often each colliding path has
+  // been seen: equal paths come from duplicate identifiers in the document.
+  std::unordered_set<boost::uuids::uuid, boost::hash<boost::uuids::uuid>> issued;
+  std::unordered_map<std::string, std::size_t> collisions;
+
+  void reset() {
+    issued.clear();
+    collisions.clear();
+  }
 };
 
 namespace {
@@ -42,6 +66,16 @@ const JsonArray* childLayers(const JsonObject& node) {
 
 void report(const PXSymbolDetacherV2::Progress& progress, std::size_t index, std::size_t total) {
   if (progress) progress(index, total);
+}
+
+bool isHidden(const JsonObject& node) {
+  auto visible = PXJsonBool(member(node, "isVisible"));
+  return visible && !*visible;
+}
+
+// Counts of copied layers grow geometrically in hostile documents.
+std::size_t saturatingAdd(std::size_t a, std::size_t b) {
+  return a > std::numeric_limits<std::size_t>::max() - b ? std::numeric_limits<std::size_t>::max() : a + b;
 }
 
 // Documents may carry numbers a JSON writer cannot print (1e999 parses as
@@ -105,29 +139,50 @@ bool PXSymbolDetacherV2::loadDocument(const Progress& progress) {
   // empty: callers only learn that loading is under way.
   report(progress, 0, 0);
 
-  std::vector<Page> loaded;
   const JsonArray* refs = nullptr;
   if (document)
     if (const auto* v = member(*document, "pages"); v && v->is_array()) refs = &v->get_array();
+  // Pages are read and parsed several at once, then taken in the document's order.
+  struct Pending {
+    std::size_t index;
+    std::string path;
+    std::optional<JsonValue> parsed;
+    std::string error;
+    bool read = false;
+  };
+  std::vector<Pending> pending;
   for (std::size_t i = 0; refs && i < refs->size(); ++i) {
     auto ref = PXJsonTextFor(&(*refs)[i], "_ref");
     if (!ref) continue;
-    auto path = pagePathForRef(*ref);
-    if (!path) continue;
-    auto pageText = PXFileManager::readFile(*path);
-    if (!pageText) continue;
-    std::string error;
-    auto parsed = PXJsonParse(*pageText, &error);
-    if (!parsed || !parsed->is_object()) {
-      PXLogVerbose("Page skipped, not a JSON object: {} {}", *path, error);
+    if (auto path = pagePathForRef(*ref)) pending.push_back(Pending{i, std::move(*path), std::nullopt, {}, false});
+  }
+  PXParallelFor(pending.size(), [&](std::size_t k) {
+    auto& page = pending[k];
+    try {
+      auto text = PXFileManager::readFile(page.path);
+      if (!text) return;
+      page.read = true;
+      page.parsed = PXJsonParse(*text, &page.error);
+    } catch (const std::exception& e) {
+      page.read = true;
+      page.error = e.what();
+    }
+  });
+  std::vector<Page> loaded;
+  std::map<std::string, std::size_t> loadedIndex;
+  for (auto& page : pending) {
+    if (!page.read) continue;
+    if (!page.parsed || !page.parsed->is_object()) {
+      PXLogVerbose("Page skipped, not a JSON object: {} {}", page.path, page.error);
       continue;
     }
-    auto same = std::find_if(loaded.begin(), loaded.end(), [&](const Page& p) { return p.url == *path; });
-    if (same != loaded.end())
-      same->json = std::move(*parsed);
-    else
-      loaded.push_back(Page{*path, std::move(*parsed)});
-    report(progress, i, 0);
+    if (auto same = loadedIndex.find(page.path); same != loadedIndex.end()) {
+      loaded[same->second].json = std::move(*page.parsed);
+    } else {
+      loadedIndex.emplace(page.path, loaded.size());
+      loaded.push_back(Page{page.path, std::move(*page.parsed)});
+    }
+    report(progress, page.index, 0);
   }
   pages = std::move(loaded);
   report(progress, 0, 0);
@@ -175,9 +230,18 @@ void PXSymbolDetacherV2::detachSymbols(const Progress& progress) {
   if (!symbols) findSymbols();
   copiedLayers_ = 0;
   limitWarned_ = false;
+  expansions_.clear();
+  identifiers_->reset();
+  failureReason.reset();
   const std::size_t total = pages.size();
   report(progress, 0, total);
-  for (std::size_t i = 0; i < pages.size(); ++i) {
+  // Counted before anything is copied, so that a document that expands
+  // past the limit costs neither the memory nor the time.
+  std::size_t copies = 0;
+  for (std::size_t i = 0; i < pages.size() && copies <= maxCopiedLayers; ++i)
+    copies = saturatingAdd(copies, copiesBelow(pages[i].json.get_object()));
+  if (copies > maxCopiedLayers) refuse(copies);
+  for (std::size_t i = 0; i < pages.size() && !failureReason; ++i) {
     std::vector<std::string> detachedSymbols;
     detachSymbolsForNode(pages[i].json.get_object(), detachedSymbols);
     report(progress, i, total);
@@ -185,15 +249,73 @@ void PXSymbolDetacherV2::detachSymbols(const Progress& progress) {
   report(progress, total, total);
 }
 
+// What the walk would copy below `node`, counted without copying. Exact
+// unless overrides swap nested symbols or symbols nest in cycles; the walk
+// counts the copies it makes as well.
+std::size_t PXSymbolDetacherV2::copiesBelow(const JsonObject& node) {
+  const std::string cls = textOf(node, "_class");
+  if (!detachingArtboardIds_.empty() && cls == "artboard" &&
+      !detachingArtboardIds_.contains(textOf(node, "do_objectID")))
+    return 0;
+  const std::string symbolID = textOf(node, "symbolID");
+  if (cls == "symbolInstance" && !symbolID.empty() && !isHidden(node)) {
+    std::vector<std::string> symbolStack;
+    return expansionOf(symbolID, symbolStack);
+  }
+  std::size_t copies = 0;
+  if (const auto* layers = childLayers(node))
+    for (const auto& child : *layers)
+      if (child.is_object()) copies = saturatingAdd(copies, copiesBelow(child.get_object()));
+  return copies;
+}
+
+std::size_t PXSymbolDetacherV2::expansionOf(const std::string& symbolID, std::vector<std::string>& symbolStack) {
+  if (auto known = expansions_.find(symbolID); known != expansions_.end()) return known->second;
+  const JsonObject* master = nullptr;
+  if (symbols)
+    if (auto it = symbols->find(symbolID); it != symbols->end()) master = &it->second;
+  if (!master) return 0;
+  symbolStack.push_back(symbolID);
+  std::size_t copies = 0;
+  if (const auto* layers = childLayers(*master))
+    for (const auto& child : *layers)
+      if (child.is_object()) copies = saturatingAdd(copies, expansionOfLayers(child.get_object(), symbolStack));
+  symbolStack.pop_back();
+  expansions_.emplace(symbolID, copies);
+  return copies;
+}
+
+// The layer itself and everything below it, nested instances expanded as
+// the walk would expand them.
+std::size_t PXSymbolDetacherV2::expansionOfLayers(const JsonObject& node, std::vector<std::string>& symbolStack) {
+  std::size_t copies = 1;
+  const std::string symbolID = textOf(node, "symbolID");
+  if (textOf(node, "_class") == "symbolInstance" && !symbolID.empty() && !isHidden(node) &&
+      symbolStack.size() < maxNestingDepth &&
+      std::find(symbolStack.begin(), symbolStack.end(), symbolID) == symbolStack.end())
+    copies = saturatingAdd(copies, expansionOf(symbolID, symbolStack));
+  if (const auto* layers = childLayers(node))
+    for (const auto& child : *layers)
+      if (child.is_object()) copies = saturatingAdd(copies, expansionOfLayers(child.get_object(), symbolStack));
+  return copies;
+}
+
+void PXSymbolDetacherV2::refuse(std::size_t copies) {
+  if (failureReason) return;
+  const std::string atLeast = copies == std::numeric_limits<std::size_t>::max() ? "an unbounded number of"
+                                                                                : fmt::format("at least {}", copies);
+  failureReason = fmt::format(
+      "Symbol detachment refused: the document's symbol instances expand to {} layers, more than the limit of {}",
+      atLeast, maxCopiedLayers);
+  PXLogError("{}", *failureReason);
+}
+
 bool PXSymbolDetacherV2::mayDetachMore(const JsonObject& instance, const std::string& symbolID,
                                        const std::vector<std::string>& detachedSymbols) {
-  const char* reason = nullptr;
-  if (detachedSymbols.size() >= maxNestingDepth) reason = "Symbol nesting too deep, instance kept";
-  else if (copiedLayers_ >= maxCopiedLayers) reason = "Detached layer limit reached, instance kept";
-  if (!reason) return true;
-  // A hostile document can hit a limit many times: warn once per run.
-  if (!limitWarned_) PXLogWarn("{}: {}[{}]", reason, textOf(instance, "name"), symbolID);
-  else PXLogVerbose("{}: {}[{}]", reason, textOf(instance, "name"), symbolID);
+  if (detachedSymbols.size() < maxNestingDepth) return true;
+  // A hostile document can hit the limit many times: warn once per run.
+  if (!limitWarned_) PXLogWarn("Symbol nesting too deep, instance kept: {}[{}]", textOf(instance, "name"), symbolID);
+  else PXLogVerbose("Symbol nesting too deep, instance kept: {}[{}]", textOf(instance, "name"), symbolID);
   limitWarned_ = true;
   return false;
 }
@@ -226,7 +348,7 @@ void PXSymbolDetacherV2::detachSymbolsForNode(JsonObject& node, std::vector<std:
 
   if (auto* layers = childLayers(node)) {
     for (auto& child : *layers) {
-      if (isCancelled()) return;
+      if (stopped()) return;
       if (child.is_object()) detachSymbolsForNode(child.get_object(), detachedSymbols);
     }
   }
@@ -235,10 +357,12 @@ void PXSymbolDetacherV2::detachSymbolsForNode(JsonObject& node, std::vector<std:
   detachedSymbols.pop_back();
   // Overrides are matched by the identifiers the master's layers carry, so
   // they are renewed only once the outermost instance is complete.
-  if (detachedSymbols.empty())
+  if (detachedSymbols.empty()) {
+    std::string path = textOf(node, "do_objectID");
     if (auto* layers = childLayers(node))
       for (auto& child : *layers)
-        if (child.is_object()) updateIdForNode(child.get_object());
+        if (child.is_object()) updateIdForNode(child.get_object(), path);
+  }
 }
 
 void PXSymbolDetacherV2::detachInstance(JsonObject& instance, const JsonObject& symbol) {
@@ -279,42 +403,63 @@ void PXSymbolDetacherV2::detachInstance(JsonObject& instance, const JsonObject& 
       if (child.is_object()) updateNode(child.get_object(), overrides, instance, ratioWidth, ratioHeight);
 }
 
-std::string PXSymbolDetacherV2::newIdentifier() {
-  std::string text = boost::uuids::to_string(identifiers_->generate());
+// Stable identifiers are name-based UUIDs (version 5) of the layer's path of
+// original identifiers; a path met again is told apart by the order in
+// which the walk meets it.
+std::string PXSymbolDetacherV2::newIdentifier(const std::string& path) {
+  boost::uuids::uuid id = stableIdentifiers ? identifiers_->derive(path) : identifiers_->random();
+  if (stableIdentifiers) {
+    if (!identifiers_->issued.insert(id).second) {
+      std::size_t& seen = identifiers_->collisions[path];
+      do id = identifiers_->derive(fmt::format("{}#{}", path, ++seen));
+      while (!identifiers_->issued.insert(id).second);
+    }
+  }
+  std::string text = boost::uuids::to_string(id);
   std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::toupper(c); });
   return text;
 }
 
 void PXSymbolDetacherV2::updateIdForNode(JsonObject& node) {
+  std::string path;
+  updateIdForNode(node, path);
+}
+
+void PXSymbolDetacherV2::updateIdForNode(JsonObject& node, std::string& path) {
+  const std::size_t parentLength = path.size();
   if (std::string original = textOf(node, "do_objectID"); !original.empty()) {
+    path.append("/").append(original);
     node["in_original_objectID"] = original;
-    node["do_objectID"] = newIdentifier();
+    node["do_objectID"] = newIdentifier(path);
   }
   if (auto* layers = childLayers(node))
     for (auto& child : *layers)
-      if (child.is_object()) updateIdForNode(child.get_object());
+      if (child.is_object()) updateIdForNode(child.get_object(), path);
+  path.resize(parentLength);
 }
 
 // ---- Saving
 
 void PXSymbolDetacherV2::savePages() {
   if (isCancelled()) return;
-  for (auto& page : pages) {
-    if (isCancelled()) break;
+  // Pages are independent: several are serialised and written at once.
+  PXParallelFor(pages.size(), [this](std::size_t i) {
+    auto& page = pages[i];
+    if (isCancelled()) return;
     std::string error;
-    auto text = PXJsonSerialize(page.json, true, &error);
+    auto text = PXJsonSerialize(page.json, prettyPages, &error);
     if (!text) {
       std::size_t replaced = replaceNonFiniteNumbers(page.json);
       PXLogWarn("Replaced {} non-finite numbers in {}", replaced, page.url);
-      text = PXJsonSerialize(page.json, true, &error);
+      text = PXJsonSerialize(page.json, prettyPages, &error);
     }
     if (!text) {
       PXLogError("Could not serialise page {}: {}", page.url, error);
-      continue;
+      return;
     }
     if (!PXFileManager::writeFileAtomically(page.url, *text, &error))
       PXLogVerbose("Could not write page {}: {}", page.url, error);
-  }
+  });
   isDirty = false;
 }
 

@@ -52,12 +52,22 @@ class PXSymbolDetacherV2 {
   std::optional<SymbolMap> symbols;
   // Pages in memory differ from the files.
   bool isDirty = true;
+  // Pages are saved indented; compact when only a program reads them.
+  bool prettyPages = true;
 
-  // Guards against hostile documents: a chain of distinct symbols nested
-  // deeper than this, and detaching past this many copied layers in one
-  // run, leave the remaining instances as they are (logged).
+  // Guards against hostile documents: instances in a chain of distinct
+  // symbols nested deeper than this stay as they are (logged); a document
+  // whose detaching would copy more than this many layers is refused before
+  // they are copied, and the walk stops (see failureReason).
   std::size_t maxNestingDepth = 128;
   std::size_t maxCopiedLayers = 1'000'000;  // about 1.5 GB of layers
+  // Copied layers get identifiers derived from their original identifiers
+  // and the instances that led to them, unique within the document, so that
+  // detaching the same document twice writes the same pages. Otherwise they
+  // are random, unique across documents and runs.
+  bool stableIdentifiers = false;
+  // Why the last detachSymbols refused the document; absent when it did not.
+  std::optional<std::string> failureReason;
 
   // Artboards whose contents are detached; empty means all.
   void setDetachingArtboardIds(std::set<std::string> artboardIds);
@@ -127,15 +137,27 @@ class PXSymbolDetacherV2 {
  private:
   struct IdentifierSource;
 
-  std::string newIdentifier();
+  // `path`: the original identifiers from the outermost detached instance
+  // down to the node's parent (stable identifiers only).
+  void updateIdForNode(JsonObject& node, std::string& path);
+  std::string newIdentifier(const std::string& path);
   std::optional<std::string> pagePathForRef(std::string_view ref) const;
   bool mayDetachMore(const JsonObject& instance, const std::string& symbolID,
                      const std::vector<std::string>& detachedSymbols);
+  // Layers the walk would copy below a page's node, counted without copying.
+  std::size_t copiesBelow(const JsonObject& node);
+  // Layers that detaching one instance of the symbol copies, nested
+  // instances included; saturating, memoised per symbol for the run.
+  std::size_t expansionOf(const std::string& symbolID, std::vector<std::string>& symbolStack);
+  std::size_t expansionOfLayers(const JsonObject& node, std::vector<std::string>& symbolStack);
+  void refuse(std::size_t copies);
+  bool stopped() const { return isCancelled() || failureReason.has_value(); }
 
   std::set<std::string> detachingArtboardIds_;
   std::atomic<bool> cancelled_{false};
   std::unique_ptr<IdentifierSource> identifiers_;
   std::size_t copiedLayers_ = 0;
+  std::map<std::string, std::size_t> expansions_;
   bool limitWarned_ = false;
 };
 

@@ -29,6 +29,22 @@ struct PlexaExtract::Run {
   std::shared_ptr<PXDispatchGroup> stageGroup = PXDispatchGroup::make();
 };
 
+namespace {
+
+// The JSON detacher's pages reach every reader of the unzipped folder from
+// memory; no stage reads them from the files again.
+void handOverDetachedPages(PlexaExtract& extractor) {
+  if (!extractor.unzipper) return;
+  auto pages = extractor.unzipper->takeDetachedPages();
+  if (pages.empty()) return;
+  for (const auto& reader : {extractor.reader, extractor.metaExporter ? extractor.metaExporter->sketchReader : nullptr,
+                             extractor.hotspotsExporter ? extractor.hotspotsExporter->reader : nullptr,
+                             extractor.artboardExporter ? extractor.artboardExporter->sketchReader : nullptr})
+    if (reader) reader->adoptPages(pages);
+}
+
+}  // namespace
+
 PlexaExtract::PlexaExtract() : queue_(PXMakeConcurrentQueue("plexa.extract")) {}
 
 std::shared_ptr<PlexaExtract> PlexaExtract::make() { return std::shared_ptr<PlexaExtract>(new PlexaExtract()); }
@@ -84,6 +100,7 @@ void PlexaExtract::startExtractionForArtboardIDs(const std::optional<std::vector
                                                  CompletionHandler completionHandler) {
   if (cancelled_ || !unzipper) return;
   unzipper->prettyPrint = prettyPrint;
+  unzipper->stableIdentifiers = stableIdentifiers;
   unzipper->detachingArtboardIds = artboardIDs;
   unzipper->detachMethod = detachMethod;
   PXMainQueue::shared().perform([weak = weak_from_this()] {
@@ -113,6 +130,8 @@ void PlexaExtract::startExtractionForArtboardIDs(const std::optional<std::vector
   if (exportOptions & PlexaExtractDetachV2) {
     unzipper->v2Detacher = true;
     unzipper->detachMethod = "all";
+    // Only sketchtool reads the detached file.
+    unzipper->writesDetachedFile = exportOptions & (PlexaExtractExportImages | PlexaExtractExportAssets);
     std::string copy = PXAppendingPathComponent(tempFolderPath, "input-" + PXLastPathComponent(sketchFilePath));
     PXFileManager::removeItem(copy);
     bool copied = PXFileManager::copyItem(sketchFilePath, copy);
@@ -153,17 +172,22 @@ void PlexaExtract::startUnzipArtboardIDs(const std::optional<std::vector<std::st
 void PlexaExtract::runStages(const std::shared_ptr<Run>& run, bool unzipped, const std::string& detachedPath) {
   if (stoppedByCancel()) return;
   std::vector<std::string> sorted;
+  PXError error = noDetachedFileError();
+  if (!unzipped) error.failureReason = unzipper->failureReason;
+  if (unzipped) handOverDetachedPages(*this);
   if (unzipped) {
     try {
       run->artboardIDs = artboardsOfRun(run, sorted);
     } catch (const PXSketchDocumentFileMissing& e) {
       PXLogError("PlexaExtract the unzipped document is unusable: {}", e.what());
+      // Named as in the user's file, not by the working copy's path.
+      error.failureReason = "not a Sketch document: " + PXLastPathComponent(e.what()) + " is missing";
       unzipped = false;
     }
   }
   if (!unzipped) {
     if (run->completionHandler)
-      PXMainQueue::shared().async([run] { run->completionHandler({}, noDetachedFileError()); });
+      PXMainQueue::shared().async([run, error] { run->completionHandler({}, error); });
     return;
   }
   completeProcess(PlexaExtractProcessDetachingSymbols);
@@ -184,7 +208,7 @@ void PlexaExtract::runStages(const std::shared_ptr<Run>& run, bool unzipped, con
 bool PlexaExtract::stoppedByCancel() {
   if (!cancelled_) return false;
   removeTempFolder();
-  removeOutputFolder();
+  if (removesOutputFolder) removeOutputFolder();
   return true;
 }
 
@@ -290,7 +314,7 @@ void PlexaExtract::cancel() {
   if (hotspotsExporter) hotspotsExporter->cancel();
   if (artboardExporter) artboardExporter->cancel();
   removeTempFolder();
-  removeOutputFolder();
+  if (removesOutputFolder) removeOutputFolder();
 }
 
 bool PlexaExtract::sketchFileExists() const { return PXFileManager::fileExists(sketchFilePath); }

@@ -50,6 +50,9 @@ struct PXError {
   std::string domain;
   int64_t code = 0;
   std::string localizedDescription;
+  // What was wrong, in words about the user's file (the failure reason of
+  // the error); empty when not known.
+  std::string failureReason;
 };
 
 // Who is hosting the library; stands in for the host application's bundle
@@ -124,6 +127,13 @@ class PlexaExtract : public PXSketchUnzipperDelegate, public std::enable_shared_
   std::string tempDetachedSketchFilePath;
   std::string detachMethod;
   bool prettyPrint = false;
+  // Detached layers get identifiers derived from the document instead of
+  // random ones, so that two runs over one document give identical output.
+  bool stableIdentifiers = false;
+  // Whether cancelling or releasing the extractor deletes the output folder.
+  // A host that names a folder of the user's own turns it off and removes
+  // what the run wrote itself.
+  bool removesOutputFolder = true;
   uint64_t maxConcurrentArtboardExport = 0;
   uint64_t maxConcurrentArtboardBatchSize = 0;
   ProgressBlock progressBlock;

@@ -1,10 +1,16 @@
 #include "Json.h"
 
 #include <boost/json/monotonic_resource.hpp>
+#include <boost/json/parser.hpp>
 #include <boost/json/parse.hpp>
 #include <boost/json/stream_parser.hpp>
 
+#include <sys/mman.h>
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <array>
+#include <new>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -187,15 +193,123 @@ std::optional<JsonValue> maxOf(const JsonArray& a) {
   return *bestValue;
 }
 
+constexpr size_t kMaxParseDepth = 1024;
+
+// Upstream of the per-file arenas: large blocks come straight from the
+// kernel in huge pages where it grants them, so that filling a tree of
+// hundreds of megabytes takes a page fault per 2 MB instead of per 4 kB.
+// Pages of a block that the tree never reaches are never made resident.
+class LargeBlockResource final : public boost::json::memory_resource {
+ public:
+  static boost::json::memory_resource* shared() {
+    static LargeBlockResource resource;  // stateless
+    return &resource;
+  }
+
+ private:
+  static constexpr size_t kHuge = size_t{2} << 20;
+  static size_t roundUp(size_t n) { return (n + kHuge - 1) / kHuge * kHuge; }
+
+  void* do_allocate(size_t n, size_t align) override {
+    if (n < kHuge) return ::operator new(n, std::align_val_t(align));
+    const size_t length = roundUp(n);
+    // Map one huge page more and trim, so the block starts on a boundary.
+    void* raw = ::mmap(nullptr, length + kHuge, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (raw == MAP_FAILED) throw std::bad_alloc();
+    auto start = reinterpret_cast<uintptr_t>(raw);
+    const uintptr_t aligned = (start + kHuge - 1) / kHuge * kHuge;
+    if (aligned > start) ::munmap(raw, aligned - start);
+    const uintptr_t end = start + length + kHuge;
+    if (end > aligned + length) ::munmap(reinterpret_cast<void*>(aligned + length), end - (aligned + length));
+    ::madvise(reinterpret_cast<void*>(aligned), length, MADV_HUGEPAGE);
+    return reinterpret_cast<void*>(aligned);
+  }
+
+  void do_deallocate(void* p, size_t n, size_t align) override {
+    if (n < kHuge)
+      ::operator delete(p, std::align_val_t(align));
+    else
+      ::munmap(p, roundUp(n));
+  }
+
+  bool do_is_equal(const boost::json::memory_resource& other) const noexcept override { return this == &other; }
+};
+
+// A tree takes two to three times its text; the first block is sized for
+// that at once (what it does not use costs address space only).
+boost::json::storage_ptr arenaForText(uint64_t textBytes) {
+  const size_t initial = std::max<size_t>(64 << 10, static_cast<size_t>(std::min<uint64_t>(textBytes, 1ull << 32) * 3));
+  return boost::json::make_shared_resource<boost::json::monotonic_resource>(initial, LargeBlockResource::shared());
+}
+
 // Detached symbols nest pages deeper than Boost's default of 32 allows; the
 // limit still bounds what hostile input can make our recursive walkers do.
 boost::json::parse_options parseOptions() {
   boost::json::parse_options options;
-  options.max_depth = 1024;
+  options.max_depth = kMaxParseDepth;
   return options;
 }
 
+// The parser's reading of a number is not always the nearest double, so a
+// written and re-read double is asked of the parser itself.
+// A double's shortest form may be plain digits, which read back as an
+// integer, so the whole value is what the parser makes of it.
+JsonValue asReadBack(double d) {
+  std::array<char, 64> text{};
+  auto r = std::to_chars(text.data(), text.data() + text.size(), d);
+  thread_local boost::json::parser parser;
+  parser.reset();
+  boost::system::error_code ec;
+  parser.write(text.data(), static_cast<size_t>(r.ptr - text.data()), ec);
+  if (ec) return d;
+  return parser.release();
+}
+
+class RoundTripper {
+ public:
+  PXJsonRoundTrip result;
+
+  void visit(JsonValue& v, size_t depth) {
+    switch (v.kind()) {
+      case boost::json::kind::double_: number(v); break;
+      case boost::json::kind::object:
+        if (!enter(depth)) return;
+        for (auto& kv : v.get_object()) visit(kv.value(), depth + 1);
+        break;
+      case boost::json::kind::array:
+        if (!enter(depth)) return;
+        for (auto& e : v.get_array()) visit(e, depth + 1);
+        break;
+      default: break;
+    }
+  }
+
+ private:
+  bool enter(size_t depth) {
+    if (depth >= kMaxParseDepth) result.readable = false;
+    return result.readable;
+  }
+
+  void number(JsonValue& v) {
+    double d = v.get_double();
+    if (!std::isfinite(d)) {
+      v = 0;
+      ++result.nonFinite;
+    } else if (d == std::trunc(d) && std::fabs(d) < 9.2e18) {
+      v = static_cast<int64_t>(d);
+    } else {
+      v = asReadBack(d);  // a value of the default storage is copied into v's
+    }
+  }
+};
+
 }  // namespace
+
+PXJsonRoundTrip PXJsonNormalizeAsWritten(JsonValue& value) {
+  RoundTripper tripper;
+  tripper.visit(value, 0);
+  return tripper.result;
+}
 
 std::optional<std::string> PXJsonSerialize(const JsonValue& value, bool pretty, std::string* error) {
   try {
@@ -220,8 +334,7 @@ std::optional<JsonValue> PXJsonParse(std::string_view text, std::string* error) 
 
 std::optional<JsonValue> PXJsonParseIntoArena(std::string_view text, std::string* error) {
   boost::system::error_code ec;
-  JsonValue v = boost::json::parse(text, ec, boost::json::make_shared_resource<boost::json::monotonic_resource>(),
-                                   parseOptions());
+  JsonValue v = boost::json::parse(text, ec, arenaForText(text.size()), parseOptions());
   if (ec) {
     if (error) *error = ec.message();
     return std::nullopt;
@@ -237,8 +350,11 @@ std::optional<JsonValue> PXJsonParseFileIntoArena(const std::string& path, std::
     if (error) *error = "cannot open " + path;
     return std::nullopt;
   }
-  boost::json::stream_parser parser(boost::json::make_shared_resource<boost::json::monotonic_resource>(),
-                                   parseOptions());
+  // The parser's own storage is scratch space; the tree goes where reset()
+  // says, here one arena that the result owns.
+  boost::json::stream_parser parser({}, parseOptions());
+  struct stat st {};
+  parser.reset(arenaForText(::fstat(::fileno(file.get()), &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0));
   std::vector<char> chunk(1 << 20);
   boost::system::error_code ec;
   while (!ec) {

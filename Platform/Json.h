@@ -41,6 +41,16 @@ std::optional<JsonValue> PXJsonParseIntoArena(std::string_view text, std::string
 std::optional<JsonValue> PXJsonParseFileIntoArena(const std::string& path, std::string* error = nullptr,
                                                   bool* missing = nullptr);
 
+// What writing `value` with PXJsonSerialize and parsing the text again would
+// change, done in place: whole doubles become integers, other doubles take
+// the value the parser reads back from their shortest form, and NaN and
+// infinity (which the writer refuses, and a caller then replaces) become 0.
+struct PXJsonRoundTrip {
+  bool readable = true;     // false: nested deeper than the parser accepts
+  size_t nonFinite = 0;     // NaN and infinities replaced by 0
+};
+PXJsonRoundTrip PXJsonNormalizeAsWritten(JsonValue& value);
+
 // Typed look-ups: nullptr when `object` is not an object, the key is missing,
 // or the value is of another kind.
 const JsonValue* PXJsonFind(const JsonValue* object, std::string_view key);

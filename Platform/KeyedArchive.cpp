@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <cstdlib>
 #include <limits>
 #include <map>
 #include <memory>
@@ -228,8 +229,9 @@ std::optional<PXParagraphStyle> Unarchiver::paragraphStyle(plist_t node) const {
   const auto cls = className(node);
   if (!cls || cls->find("ParagraphStyle") == std::string::npos) return std::nullopt;
   PXParagraphStyle style;
-  // The archiver leaves out a zero alignment, so absent reads as left.
-  style.alignment = integer(member(node, "NSAlignment")).value_or(PXTextAlignmentLeft);
+  // The archiver leaves out the default alignment, natural: absent stays
+  // absent, which reads as natural.
+  style.alignment = integer(member(node, "NSAlignment"));
   style.minimumLineHeight = number(member(node, "NSMinLineHeight"));
   style.maximumLineHeight = number(member(node, "NSMaxLineHeight"));
   style.paragraphSpacing = number(member(node, "NSParagraphSpacing"));
@@ -541,6 +543,9 @@ class Archiver {
     return plist_array_get_size(objects_.get()) - 1;
   }
 
+  // Puts `node` where a reserved object stands (the old one is freed).
+  void replace(uint64_t uid, plist_t node) { plist_array_set_item(objects_.get(), node, static_cast<uint32_t>(uid)); }
+
   // Equal strings are archived once, as NSKeyedArchiver does for constants.
   uint64_t string(const std::string& text) {
     if (auto it = strings_.find(text); it != strings_.end()) return it->second;
@@ -600,7 +605,7 @@ class Archiver {
 
   uint64_t paragraphStyle(const PXParagraphStyle& style) {
     plist_t node = object({"NSMutableParagraphStyle", "NSParagraphStyle", "NSObject"});
-    plist_dict_set_item(node, "NSAlignment", plist_new_uint(static_cast<uint64_t>(style.alignmentOrDefault())));
+    if (style.alignment) plist_dict_set_item(node, "NSAlignment", plist_new_uint(static_cast<uint64_t>(*style.alignment)));
     const auto setReal = [&](const char* key, const std::optional<double>& value) {
       if (value && std::isfinite(*value)) plist_dict_set_item(node, key, plist_new_real(*value));
     };
@@ -739,6 +744,90 @@ class Archiver {
   std::unordered_map<std::string, uint64_t> classes_;
 };
 
+// Copies objects of a parsed archive into a new one with their references
+// renumbered, so that a part of an archive is kept exactly as it was written,
+// keys this system does not read included.
+class ObjectImporter {
+ public:
+  ObjectImporter(plist_t sourceObjects, Archiver& target)
+      : objects_(sourceObjects), count_(plist_array_get_size(sourceObjects)), target_(target) {}
+
+  uint64_t import(uint64_t uid, size_t depth = 0) {
+    if (uid == 0) return 0;  // "$null"
+    if (auto it = imported_.find(uid); it != imported_.end()) return it->second;
+    if (uid >= count_) throw DecodeError{"dangling object reference"};
+    // References between objects are not bounded by the structure check.
+    if (depth > kMaxImportDepth) throw DecodeError{"object references nested too deeply"};
+    plist_t source = plist_array_get_item(objects_, static_cast<uint32_t>(uid));
+    if (!source || isType(source, PLIST_UID)) throw DecodeError{"bad object reference"};
+    // Reserved before the members are copied, so that cycles resolve.
+    const uint64_t copyUID = target_.add(plist_new_bool(0));
+    imported_[uid] = copyUID;
+    plist_t copy = plist_copy(source);
+    target_.replace(copyUID, copy);
+    renumber(copy, depth);
+    return copyUID;
+  }
+
+ private:
+  static constexpr size_t kMaxImportDepth = 64;
+
+  void renumber(plist_t node, size_t depth) {
+    if (isType(node, PLIST_UID)) {
+      uint64_t uid = 0;
+      plist_get_uid_val(node, &uid);
+      plist_set_uid_val(node, import(uid, depth + 1));
+    } else if (isType(node, PLIST_ARRAY)) {
+      const uint32_t size = plist_array_get_size(node);
+      for (uint32_t i = 0; i < size; ++i) renumber(plist_array_get_item(node, i), depth);
+    } else if (isType(node, PLIST_DICT)) {
+      plist_dict_iter iter = nullptr;
+      plist_dict_new_iter(node, &iter);
+      std::vector<plist_t> values;
+      for (;;) {
+        char* key = nullptr;
+        plist_t value = nullptr;
+        plist_dict_next_item(node, iter, &key, &value);
+        if (!key) break;
+        std::free(key);
+        values.push_back(value);
+      }
+      std::free(iter);
+      for (plist_t value : values) renumber(value, depth);
+    }
+  }
+
+  plist_t objects_;
+  uint32_t count_;
+  Archiver& target_;
+  std::unordered_map<uint64_t, uint64_t> imported_;
+};
+
+// The UID of the attribute dictionary of an archived attributed string's
+// first character; absent when it has none.
+std::optional<uint64_t> firstCharacterAttributes(const Unarchiver& unarchiver, plist_t root) {
+  plist_t attributes = plist_dict_get_item(root, "NSAttributes");
+  if (!isType(attributes, PLIST_UID) || !unarchiver.object(attributes)) return std::nullopt;
+  plist_t info = unarchiver.member(root, "NSAttributeInfo");
+  if (!info) {
+    uint64_t uid = 0;
+    plist_get_uid_val(attributes, &uid);
+    return uid;
+  }
+  plist_t list = plist_dict_get_item(unarchiver.object(attributes), "NS.objects");
+  auto bytes = unarchiver.data(info);
+  if (!isType(list, PLIST_ARRAY) || !bytes) throw DecodeError{"malformed attribute runs"};
+  for (const auto& [length, index] : decodeRunInfo(*bytes)) {
+    if (length == 0) continue;
+    plist_t entry = index < plist_array_get_size(list) ? plist_array_get_item(list, static_cast<uint32_t>(index)) : nullptr;
+    if (!isType(entry, PLIST_UID)) throw DecodeError{"attribute index out of range"};
+    uint64_t uid = 0;
+    plist_get_uid_val(entry, &uid);
+    return uid;
+  }
+  return std::nullopt;
+}
+
 }  // namespace
 
 // MARK: - Public interface
@@ -860,6 +949,38 @@ std::optional<std::string> PXArchiveAttributedStringToBase64(const PXAttributedS
   auto bytes = PXArchiveAttributedString(string);
   if (!bytes) return std::nullopt;
   return PXBase64Encode(*bytes);
+}
+
+std::optional<std::string> PXArchiveReplacingAttributedStringText(std::string_view archive, std::string_view text) {
+  try {
+    const ParsedArchive parsed = parseArchive(archive);
+    const Unarchiver unarchiver(parsed.objects);
+    plist_t root = unarchiver.object(parsed.root);
+    auto name = unarchiver.className(root);
+    if (!name || !isAttributedStringClass(*name)) return std::nullopt;
+    const auto oldText = unarchiver.string(unarchiver.member(root, "NSString"));
+    if (!oldText) return std::nullopt;
+    // An empty text has no first character, so no attributes to pass on.
+    const std::optional<uint64_t> attributes =
+        oldText->empty() ? std::nullopt : firstCharacterAttributes(unarchiver, root);
+
+    Archiver archiver;
+    plist_t node = archiver.object({"NSMutableAttributedString", "NSAttributedString", "NSObject"});
+    const std::string newText = archivableText(text);
+    plist_dict_set_item(node, "NSString", plist_new_uid(archiver.add(plist_new_string(newText.c_str()))));
+    if (attributes && !newText.empty()) {
+      ObjectImporter importer(parsed.objects, archiver);
+      plist_dict_set_item(node, "NSAttributes", plist_new_uid(importer.import(*attributes)));
+    }
+    auto bytes = archiver.finish(archiver.add(node));
+    if (!bytes) PXLogError("Could not archive attributed string: the property list writer failed");
+    return bytes;
+  } catch (const DecodeError& error) {
+    PXLogWarn("Could not replace the text of a keyed archive: {}", error.reason);
+  } catch (const std::exception& error) {
+    PXLogWarn("Could not replace the text of a keyed archive: {}", error.what());
+  }
+  return std::nullopt;
 }
 
 }  // namespace plexa

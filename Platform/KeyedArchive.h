@@ -52,4 +52,11 @@ std::optional<std::string> PXArchiveAttributedString(const PXAttributedString& s
 // "archivedAttributedString._archive".
 std::optional<std::string> PXArchiveAttributedStringToBase64(const PXAttributedString& string);
 
+// A new archive of an attributed string whose whole text is `text`, taking
+// the attributes of the archived string's first character exactly as they
+// were archived: every key is kept, those this model does not read (tab
+// stops, text lists, ...) included, and a left-out alignment stays left out.
+// Absent when `archive` (binary) holds no readable attributed string.
+std::optional<std::string> PXArchiveReplacingAttributedStringText(std::string_view archive, std::string_view text);
+
 }  // namespace plexa

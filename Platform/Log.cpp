@@ -50,6 +50,24 @@ const char* baseName(const char* path) {
   return slash ? slash + 1 : path;
 }
 
+std::mutex& sinkMutex() {
+  static std::mutex m;
+  return m;
+}
+
+PXLogSink& sink() {
+  static PXLogSink s;
+  return s;
+}
+
+// False when no sink is set, so the standard writer takes the message.
+bool sendToSink(const PXLogRecord& record) {
+  std::lock_guard lock(sinkMutex());
+  if (!sink()) return false;
+  sink()(record);
+  return true;
+}
+
 void notifyObserver(unsigned flag, const std::string& message) {
   std::lock_guard lock(observerMutex());
   if (observer()) observer()(flag, message);
@@ -67,13 +85,19 @@ void PXLogSetObserver(PXLogObserver o) {
   observer() = std::move(o);
 }
 
+void PXLogSetSink(PXLogSink s) {
+  std::lock_guard lock(sinkMutex());
+  sink() = std::move(s);
+}
+
 void PXLogEmit(unsigned flag, const char* file, const char* function, int line, std::string message) {
-  if (gLevelMask & flag) logger().log(levelFor(flag), "[{}:{} {}] {}", baseName(file), line, function, message);
+  if ((gLevelMask & flag) && !sendToSink({flag, file, function, line, message}))
+    logger().log(levelFor(flag), "[{}:{} {}] {}", baseName(file), line, function, message);
   notifyObserver(flag, message);
 }
 
 void PXNSLogEmit(std::string message) {
-  fmt::print(stderr, "{}\n", message);
+  if (!sendToSink({0, "", "", 0, message})) fmt::print(stderr, "{}\n", message);
   notifyObserver(0, message);
 }
 

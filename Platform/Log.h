@@ -39,6 +39,20 @@ bool PXLogWanted(unsigned flag);
 using PXLogObserver = std::function<void(unsigned flag, const std::string& message)>;
 void PXLogSetObserver(PXLogObserver observer);
 
+// One message with where it was logged, for a host that formats lines itself.
+struct PXLogRecord {
+  unsigned flag;  // 0 for the plain system log
+  const char* file;
+  const char* function;
+  int line;
+  const std::string& message;
+};
+// A sink replaces the standard stderr writer: messages whose flag is in the
+// mask, and every plain system log line, go to it instead. Called on the
+// logging thread. Pass an empty function to restore the standard writer.
+using PXLogSink = std::function<void(const PXLogRecord& record)>;
+void PXLogSetSink(PXLogSink sink);
+
 void PXLogEmit(unsigned flag, const char* file, const char* function, int line, std::string message);
 // The plain system log: always written to stderr, and seen by the observer
 // with flag 0.

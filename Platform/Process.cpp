@@ -57,6 +57,13 @@ struct PipeFds {
   }
 };
 
+std::atomic<int> gChildErrorFd{-1};
+
+int childErrorFd() {
+  int fd = gChildErrorFd;
+  return fd >= 0 ? fd : STDERR_FILENO;
+}
+
 // Forks on a private context that nothing else runs, so the fork hooks in
 // the child never touch the main loop's locks. The caller owns the child:
 // it is detached here and must be reaped by the caller.
@@ -66,7 +73,7 @@ std::optional<int> launch(const std::string& path, const std::vector<std::string
   try {
     asio::io_context launchContext;
     boost::system::error_code ec;
-    bp::process_stdio stdio{{}, outFd, mergeStderr ? outFd : STDERR_FILENO};
+    bp::process_stdio stdio{{}, outFd, mergeStderr ? outFd : childErrorFd()};
     auto launcher = bp::default_process_launcher();
     auto child = workingDirectory
                      ? launcher(launchContext.get_executor(), ec, path, arguments, stdio,
@@ -90,6 +97,8 @@ asio::io_context& mainContext() {
 }
 
 }  // namespace
+
+void PXSetChildErrorDescriptor(int fd) { gChildErrorFd = fd; }
 
 PXProcessOutput PXRunProcess(const std::string& path, const std::vector<std::string>& arguments,
                              const std::optional<std::string>& workingDirectory) {

@@ -25,6 +25,11 @@ struct PXProcessOutput {
   int exitCode = -1;
 };
 
+// Where the children started from now on write their error output: the
+// program's own stderr (-1, the default), or this descriptor, for a host that
+// shows their messages itself.
+void PXSetChildErrorDescriptor(int fd);
+
 // Starts the program and blocks the calling thread until it has closed its
 // output and exited. Safe on any thread, several at once.
 PXProcessOutput PXRunProcess(const std::string& path, const std::vector<std::string>& arguments,

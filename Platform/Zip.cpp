@@ -1,8 +1,10 @@
 #include "Zip.h"
 
 #include "Files.h"
+#include "Parallel.h"
 #include "PathString.h"
 
+#include <libdeflate.h>
 #include <zip.h>
 
 #include <cerrno>
@@ -11,6 +13,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <set>
+#include <thread>
 #include <filesystem>
 #include <memory>
 
@@ -79,8 +86,71 @@ bool writeAll(int fd, const char* data, size_t size) {
   return true;
 }
 
+// Takes `n` bytes from the shared budget; false when it would run out.
+bool takeFromBudget(std::atomic<uint64_t>& budget, uint64_t n) {
+  uint64_t left = budget.load();
+  do {
+    if (n > left) return false;
+  } while (!budget.compare_exchange_weak(left, left - n));
+  return true;
+}
+
+// Entries up to this size are inflated whole, in one call, which is several
+// times faster than zlib's stream; larger ones stream to keep memory bounded.
+constexpr uint64_t kWholeEntryLimit = 256ull << 20;
+
+// nullopt: the entry is not one to inflate whole (not deflated, encrypted,
+// sizes unknown or large); the caller streams it instead.
+std::optional<bool> writeDeflatedEntryWhole(zip_t* z, zip_uint64_t index, const std::string& target,
+                                            std::atomic<uint64_t>& budget, std::string& error) {
+  zip_stat_t st;
+  zip_stat_init(&st);
+  if (zip_stat_index(z, index, 0, &st) != 0) return std::nullopt;
+  const auto needed = ZIP_STAT_SIZE | ZIP_STAT_COMP_SIZE | ZIP_STAT_COMP_METHOD | ZIP_STAT_CRC | ZIP_STAT_ENCRYPTION_METHOD;
+  if ((st.valid & needed) != needed || st.comp_method != ZIP_CM_DEFLATE || st.encryption_method != ZIP_EM_NONE ||
+      st.size > kWholeEntryLimit || st.comp_size > kWholeEntryLimit)
+    return std::nullopt;
+  if (!takeFromBudget(budget, st.size)) {
+    error = "archive exceeds the uncompressed size limit";
+    return false;
+  }
+  std::unique_ptr<zip_file_t, FileCloser> in(zip_fopen_index(z, index, ZIP_FL_COMPRESSED));
+  if (!in) {
+    error = std::string("cannot read entry: ") + zip_strerror(z);
+    return false;
+  }
+  std::string packed(st.comp_size, '\0');
+  if (zip_fread(in.get(), packed.data(), packed.size()) != static_cast<zip_int64_t>(packed.size())) {
+    error = std::string("corrupt entry data: ") + zip_file_strerror(in.get());
+    return false;
+  }
+  std::string data(st.size, '\0');
+  std::unique_ptr<libdeflate_decompressor, void (*)(libdeflate_decompressor*)> inflater(
+      libdeflate_alloc_decompressor(), &libdeflate_free_decompressor);
+  size_t produced = 0;
+  if (!inflater ||
+      libdeflate_deflate_decompress(inflater.get(), packed.data(), packed.size(), data.data(), data.size(), &produced) !=
+          LIBDEFLATE_SUCCESS ||
+      produced != st.size || libdeflate_crc32(0, data.data(), data.size()) != st.crc) {
+    error = "corrupt entry data: " + printable(zip_get_name(z, index, ZIP_FL_ENC_GUESS) ?: "");
+    return false;
+  }
+  packed = std::string();
+  int fd = ::open(target.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+  if (fd < 0) {
+    error = "cannot create " + printable(target);
+    return false;
+  }
+  bool ok = writeAll(fd, data.data(), data.size());
+  if (::close(fd) != 0) ok = false;
+  if (!ok) error = "cannot write " + printable(target);
+  return ok;
+}
+
 // Streams one entry to `target`, counting against the remaining budget.
-bool writeEntry(zip_t* z, zip_uint64_t index, const std::string& target, uint64_t& budget, std::string& error) {
+bool writeEntry(zip_t* z, zip_uint64_t index, const std::string& target, std::atomic<uint64_t>& budget,
+                std::string& error) {
+  if (auto whole = writeDeflatedEntryWhole(z, index, target, budget, error)) return *whole;
   std::unique_ptr<zip_file_t, FileCloser> in(zip_fopen_index(z, index, 0));
   if (!in) {
     error = std::string("cannot read entry: ") + zip_strerror(z);
@@ -101,12 +171,11 @@ bool writeEntry(zip_t* z, zip_uint64_t index, const std::string& target, uint64_
       break;
     }
     if (n == 0) break;
-    if (static_cast<uint64_t>(n) > budget) {
+    if (!takeFromBudget(budget, static_cast<uint64_t>(n))) {
       error = "archive exceeds the uncompressed size limit";
       ok = false;
       break;
     }
-    budget -= static_cast<uint64_t>(n);
     if (!writeAll(fd, buffer, static_cast<size_t>(n))) {
       error = "cannot write " + printable(target);
       ok = false;
@@ -204,10 +273,24 @@ PXZipResult extractAll(const std::string& archivePath, const std::string& destin
   PXZipResult result;
   auto z = openForReading(archivePath, &result.error);
   if (!z) return result;
-  uint64_t budget = limits.maxTotalUncompressedBytes;
   zip_uint64_t count = static_cast<zip_uint64_t>(std::max<zip_int64_t>(zip_get_num_entries(z.get(), 0), 0));
-  if (!checkEntries(z.get(), count, budget, result.error)) return result;
+  if (!checkEntries(z.get(), count, limits.maxTotalUncompressedBytes, result.error)) return result;
   if (!PXFileManager::createDirectory(destination, true, &result.error)) return result;
+
+  // Folders first, each once, in archive order; then the files' bytes.
+  struct FileEntry {
+    zip_uint64_t index;
+    std::string name;
+    std::string target;
+  };
+  std::vector<FileEntry> files;
+  std::set<std::string> madeFolders;
+  auto makeFolder = [&](const std::string& folder) {
+    if (madeFolders.contains(folder)) return true;
+    if (!PXFileManager::createDirectory(folder, true, &result.error)) return false;
+    madeFolders.insert(folder);
+    return true;
+  };
   for (zip_uint64_t i = 0; i < count; ++i) {
     const char* raw = zip_get_name(z.get(), i, ZIP_FL_ENC_GUESS);
     std::string name = raw ? raw : "";
@@ -217,13 +300,36 @@ PXZipResult extractAll(const std::string& archivePath, const std::string& destin
       return result;
     }
     if (name.back() == '/') {
-      if (!PXFileManager::createDirectory(*target, true, &result.error)) return result;
+      if (!makeFolder(*target)) return result;
       continue;
     }
-    if (!PXFileManager::createDirectory(PXDeletingLastPathComponent(*target), true, &result.error)) return result;
-    if (!writeEntry(z.get(), i, *target, budget, result.error)) return result;
-    result.entries.push_back(name);
+    if (!makeFolder(PXDeletingLastPathComponent(*target))) return result;
+    files.push_back(FileEntry{i, std::move(name), std::move(*target)});
   }
+  z.reset();
+  // An archive may name a file twice; as when written in order, the last wins,
+  // and no two workers ever write one file.
+  std::map<std::string, size_t> lastWriter;
+  for (size_t k = 0; k < files.size(); ++k) lastWriter[files[k].target] = k;
+
+  // Entries are independent: each worker reads through its own handle.
+  std::atomic<uint64_t> budget{limits.maxTotalUncompressedBytes};
+  std::atomic<bool> failed{false};
+  std::mutex errorMutex;
+  const size_t workers = std::min<size_t>(files.size(), std::max(1u, std::thread::hardware_concurrency()));
+  PXParallelFor(workers, [&](size_t worker) {
+    std::string error;
+    auto handle = openForReading(archivePath, &error);
+    for (size_t k = worker; handle && k < files.size() && !failed; k += workers) {
+      if (lastWriter.at(files[k].target) != k) continue;
+      if (!writeEntry(handle.get(), files[k].index, files[k].target, budget, error)) break;
+    }
+    if (error.empty()) return;
+    std::lock_guard lock(errorMutex);
+    if (!failed.exchange(true)) result.error = error;
+  });
+  if (failed) return result;
+  for (auto& file : files) result.entries.push_back(std::move(file.name));
   result.ok = true;
   return result;
 }

@@ -1,6 +1,7 @@
 // Detaching every symbol of every real document in the corpus: nothing
-// detachable is left, identifiers trace back to masters, and the re-zipped
-// document unzips and parses again.
+// detachable is left, no document is refused, derived identifiers are unique
+// and trace back to masters, and the re-zipped document unzips and parses
+// again.
 
 #include "PXSymbolDetacherV2.h"
 
@@ -35,6 +36,7 @@ TEST_P(CorpusDetach, DetachesEverythingItCanAndZipsAgain) {
   ASSERT_TRUE(unzipped.ok) << unzipped.error;
 
   auto d = PXSymbolDetacherV2::detacherWithUrl(folder);
+  d->stableIdentifiers = true;
   ASSERT_TRUE(d->loadDocument());
   ASSERT_FALSE(d->pages.empty());
   d->findSymbols();
@@ -43,12 +45,17 @@ TEST_P(CorpusDetach, DetachesEverythingItCanAndZipsAgain) {
     forEachLayer(master, [&](const JsonObject& l) { masterLayerIDs.insert(text(l, "do_objectID")); });
 
   d->detachSymbols();
+  ASSERT_FALSE(d->failureReason.has_value()) << *d->failureReason;
 
   size_t detachedGroups = 0, keptInstances = 0;
+  std::set<std::string> renewed;
   for (const auto& page : d->pages) {
     forEachLayer(page.json.get_object(), [&](const JsonObject& l) {
-      if (l.contains("in_original_objectID"))
+      if (l.contains("in_original_objectID")) {
         EXPECT_TRUE(masterLayerIDs.contains(text(l, "in_original_objectID"))) << text(l, "in_original_objectID");
+        // Derived identifiers are unique within the document as well.
+        EXPECT_TRUE(renewed.insert(text(l, "do_objectID")).second) << text(l, "do_objectID");
+      }
       if (const auto* mark = l.if_contains("in_detachedSymbol"); mark && *mark == true) ++detachedGroups;
       if (text(l, "_class") != "symbolInstance" || !PXJsonBool(l.if_contains("isVisible")).value_or(true)) return;
       const std::string symbolID = text(l, "symbolID");

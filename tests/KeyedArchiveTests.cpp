@@ -428,6 +428,57 @@ TEST(KeyedArchiveHostile, BadReferencesAndRunTables) {
   EXPECT_EQ(shortTable->runs()[0].length, 4u);
 }
 
+TEST(KeyedArchiveReplacingText, KeepsTheFirstRunAsArchivedEvenWhenOddlyLinked) {
+  // The first run's dictionary refers to itself and to a shared object; the
+  // second run's is dropped with the old text.
+  const auto archive = attributedArchive("old text", [](RawArchive& raw, plist_t root) {
+    const uint64_t shared = raw.add(plist_new_string("shared value"));
+    const uint64_t self = raw.nextUID() + 3;  // the dictionary made next, after two keys and its class
+    const uint64_t first = raw.dictionary({{"XSelf", self}, {"XShared", shared}});
+    EXPECT_EQ(first, self);
+    const uint64_t second = raw.dictionary({{"NSKern", raw.add(plist_new_real(2))}});
+    const uint64_t list = raw.add(raw.object("NSArray", {{"NS.objects", [&] {
+                                                          plist_t a = plist_new_array();
+                                                          plist_array_append_item(a, plist_new_uid(first));
+                                                          plist_array_append_item(a, plist_new_uid(second));
+                                                          return a;
+                                                        }()}}));
+    plist_dict_set_item(root, "NSAttributes", plist_new_uid(list));
+    const std::string info("\x03\x00\x05\x01", 4);
+    plist_dict_set_item(root, "NSAttributeInfo", raw.ref(plist_new_data(info.data(), info.size())));
+  });
+  ASSERT_TRUE(PXUnarchiveAttributedString(archive).has_value());
+  const auto replaced = PXArchiveReplacingAttributedStringText(archive, "new");
+  ASSERT_TRUE(replaced.has_value());
+  const std::string xml = archiveXML(*replaced);
+  for (const char* kept : {"XSelf", "XShared", "shared value", "new"}) EXPECT_NE(xml.find(kept), std::string::npos) << kept;
+  for (const char* gone : {"NSKern", "old text"}) EXPECT_EQ(xml.find(gone), std::string::npos) << gone;
+  const auto decoded = PXUnarchiveAttributedString(*replaced);
+  ASSERT_TRUE(decoded.has_value());
+  EXPECT_EQ(decoded->string(), "new");
+  EXPECT_EQ(decoded->runs().size(), 1u);
+
+  // An empty text has no characters to carry attributes.
+  const auto emptied = PXUnarchiveAttributedString(PXArchiveReplacingAttributedStringText(archive, "").value());
+  ASSERT_TRUE(emptied.has_value());
+  EXPECT_TRUE(emptied->runs().empty());
+}
+
+TEST(KeyedArchiveReplacingText, RefusesWhatIsNoAttributedString) {
+  LogCapture logs;
+  // A chain of dictionaries longer than any real paragraph style.
+  const auto deep = attributedArchive("deep", [](RawArchive& raw, plist_t root) {
+    uint64_t link = raw.add(plist_new_string("end"));
+    for (int i = 0; i < 200; ++i) link = raw.dictionary({{"XNext", link}});
+    plist_dict_set_item(root, "NSAttributes", plist_new_uid(link));
+  });
+  RawArchive plain;
+  const std::string plainString = plain.finish(plain.add(plain.object("NSString", {{"NS.string", plist_new_string("x")}})));
+  for (const std::string& archive : {deep, plainString, std::string("bplist00 not really"), std::string()})
+    EXPECT_FALSE(PXArchiveReplacingAttributedStringText(archive, "new").has_value());
+  EXPECT_TRUE(logs.contains("object references nested too deeply"));
+}
+
 TEST(KeyedArchiveHostile, WrongTypedAttributeValuesAreDropped) {
   const auto archive = attributedArchive("styled", [](RawArchive& raw, plist_t root) {
     const uint64_t badFont = raw.add(plist_new_string("not a descriptor"));
@@ -444,9 +495,10 @@ TEST(KeyedArchiveHostile, WrongTypedAttributeValuesAreDropped) {
   });
   const auto decoded = PXUnarchiveAttributedString(archive);
   ASSERT_TRUE(decoded.has_value());
-  // Only the paragraph spacing survives; an alignment left out means left.
+  // Only the paragraph spacing survives; an alignment left out stays out
+  // (natural).
   PXTextAttributes expected;
-  expected.paragraphStyle = PXParagraphStyle{PXTextAlignmentLeft, {}, {}, 4.0, {}, {}, {}};
+  expected.paragraphStyle = PXParagraphStyle{std::nullopt, {}, {}, 4.0, {}, {}, {}};
   EXPECT_EQ(decoded->runs()[0].attributes, expected);
 }
 

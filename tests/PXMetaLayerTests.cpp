@@ -177,8 +177,22 @@ TEST(PXMetaLayerLines, ComputesEndsFromTheStroke) {
 }
 
 TEST(PXMetaLayerLines, KeepsTheUnroundedShiftAndNeedsTwoPoints) {
-  EXPECT_EQ(fields(only(convert({lineShape("L", frame(0, 10.334, 50, 1), "{0, 0}", "{1, 0}", 1)})), {"y"}),
-            R"({"y":11.33})") << "10.33f + 1, written as the float prints";
+  // The shifted start is the single-precision sum itself, not its shortest
+  // decimal text: 78.01f + 1 is 79.01000213623047 as a double.
+  struct { double y, height; int thickness; double expected; } shifts[] = {
+      {10.334, 1, 1, static_cast<double>(10.33f + 1.0f)},
+      {78.01, 1, 1, 79.01000213623047},
+      {78.01, 1, 2, 79.01000213623047},
+      {0.1, 4, 4, static_cast<double>(0.1f + 2.0f)},
+  };
+  for (const auto& s : shifts) {
+    SCOPED_TRACE(s.y);
+    JsonObject record =
+        only(convert({lineShape("L", frame(0, s.y, 50, s.height), "{0, 0}", "{1, 0}", s.thickness)}));
+    ASSERT_TRUE(record.at("y").is_double());
+    EXPECT_EQ(record.at("y").get_double(), s.expected);
+  }
+  EXPECT_NE(79.01000213623047, 79.01) << "the case above must tell the two apart";
   JsonObject threePoints = lineShape("T", frame(0, 0, 50, 50), "{0, 0}", "{1, 1}", 1);
   threePoints["layers"].as_array()[0].as_object()["path"].as_object()["points"].as_array().push_back(
       JsonObject{{"point", "{0, 1}"}});

@@ -5,6 +5,7 @@
 #include "PXSymbolDetacherV2.h"
 
 #include "Files.h"
+#include "PXSketchUnzipper.h"
 #include "TestSupport.h"
 #include "Zip.h"
 
@@ -420,44 +421,198 @@ TEST(PXSymbolDetacherV2Hostile, BrokenDocumentStillDetachesAndSaves) {
   EXPECT_TRUE(logs.contains("Not able to find symbol with id SYM-MISSING"));
 }
 
-TEST(PXSymbolDetacherV2Hostile, DeepChainsAndFanOutsStopAtTheLimits) {
-  // Level k holds ten instances of level k - 1: detaching level 6 in full
-  // would copy over a million layers.
+TEST(PXSymbolDetacherV2Hostile, DeepChainsKeepTheirDeepestInstances) {
+  // S0 holds S1, S1 holds S2, ... nine distinct symbols deep.
   JsonArray masters;
-  for (int level = 0; level <= 6; ++level) {
-    const std::string k = std::to_string(level);
-    JsonArray children{rect("R" + k)};
-    for (int i = 0; level > 0 && i < 10; ++i)
-      children.push_back(instance("L" + k + "-" + std::to_string(i), "SYM-" + std::to_string(level - 1)));
-    masters.push_back(master("M" + k, "SYM-" + k, std::move(children)));
+  for (int level = 0; level < 9; ++level) {
+    const std::string k = std::to_string(level), next = std::to_string(level + 1);
+    masters.push_back(master("M" + k, "SYM-" + k, JsonArray{rect("R" + k), instance("C" + k, "SYM-" + next)}));
   }
   SketchFixture fixture;
-  fixture.addPage(page("P", "Page",
-                       JsonArray{artboard("AB", "Board", frame(0, 0, 10, 10),
-                                          JsonArray{instance("TOP", "SYM-6", frame(0, 0, 20, 20))})}));
+  fixture.addPage(page("P", "Page", JsonArray{instance("TOP", "SYM-0")}));
   fixture.addPage(page("SYMBOLS", "Symbols", std::move(masters)));
   TempDir dir;
   LogCapture logs;
   auto d = PXSymbolDetacherV2::detacherWithUrl(fixture.writeFolder(dir / "doc"));
-  d->maxCopiedLayers = 5000;
   d->maxNestingDepth = 3;
   ASSERT_TRUE(d->loadDocument());
   d->detachSymbols();
 
-  size_t layers = 0, keptTooDeep = 0;
+  EXPECT_FALSE(d->failureReason.has_value());
+  std::vector<std::string> kept;
   forEachLayer(pageJSON(*d, "P"), [&](const JsonObject& l) {
-    ++layers;
-    if (cls(&l) == "symbolInstance") ++keptTooDeep;
+    if (cls(&l) == "symbolInstance") kept.push_back(std::string(l.at("symbolID").as_string()));
   });
-  // Three levels below TOP are detached (1 + 10 + 100 groups), the fourth stays.
-  EXPECT_EQ(cls(findLayer(pageJSON(*d, "P"), "TOP")), "group");
-  EXPECT_EQ(keptTooDeep, 1000u);
-  EXPECT_TRUE(logs.contains("Symbol nesting too deep, instance kept"));
-  EXPECT_LT(layers, 6000u);
+  EXPECT_EQ(kept, std::vector<std::string>{"SYM-3"});
+  EXPECT_TRUE(logs.contains("Symbol nesting too deep, instance kept: Instance C2[SYM-3]"));
+}
 
-  d->maxNestingDepth = 128;
+namespace {
+
+// Masters L0..Ln: L0 holds a rectangle, every further level a rectangle
+// and `fanOut` instances of the level below; one artboard shows level n.
+SketchFixture fanOutDocument(int fanOut, int depth, int shown = 1) {
+  JsonArray masters;
+  for (int level = 0; level <= depth; ++level) {
+    const std::string k = std::to_string(level);
+    JsonArray children{rect("R" + k)};
+    for (int i = 0; level > 0 && i < fanOut; ++i)
+      children.push_back(instance("L" + k + "-" + std::to_string(i), "SYM-" + std::to_string(level - 1)));
+    masters.push_back(master("M" + k, "SYM-" + k, std::move(children)));
+  }
+  JsonArray top;
+  for (int i = 0; i < shown; ++i)
+    top.push_back(instance("TOP" + std::to_string(i), "SYM-" + std::to_string(depth), frame(0, 0, 20, 20)));
+  SketchFixture fixture;
+  fixture.addPage(page("P", "Page", JsonArray{artboard("AB", "Board", frame(0, 0, 10, 10), std::move(top))}));
+  fixture.addPage(page("SYMBOLS", "Symbols", std::move(masters)));
+  return fixture;
+}
+
+size_t copiedLayers(const PXSymbolDetacherV2& d) {
+  size_t copies = 0;
+  for (const auto& p : d.pages)
+    forEachLayer(p.json.get_object(), [&](const JsonObject& l) { copies += l.contains("in_original_objectID"); });
+  return copies;
+}
+
+}  // namespace
+
+TEST(PXSymbolDetacherV2Hostile, FanOutsAreRefusedBeforeAnythingIsCopied) {
+  // Each would expand to billions of layers or more: 2^40, 10^12, 50^6.
+  struct { int fanOut, depth; } shapes[] = {{2, 40}, {10, 12}, {50, 6}};
+  for (const auto& shape : shapes) {
+    SCOPED_TRACE(std::to_string(shape.fanOut) + " x " + std::to_string(shape.depth));
+    TempDir dir;
+    LogCapture logs;
+    auto d = PXSymbolDetacherV2::detacherWithUrl(fanOutDocument(shape.fanOut, shape.depth).writeFolder(dir / "doc"));
+    ASSERT_TRUE(d->loadDocument());
+    d->detachSymbols();
+    ASSERT_TRUE(d->failureReason.has_value());
+    EXPECT_TRUE(d->failureReason->starts_with("Symbol detachment refused: ")) << *d->failureReason;
+    EXPECT_NE(d->failureReason->find("more than the limit of 1000000"), std::string::npos) << *d->failureReason;
+    EXPECT_TRUE(logs.contains(*d->failureReason));
+    EXPECT_EQ(copiedLayers(*d), 0u);
+    EXPECT_EQ(cls(findLayer(pageJSON(*d, "P"), "TOP0")), "symbolInstance");
+  }
+}
+
+TEST(PXSymbolDetacherV2Hostile, TheCountBeforeCopyingIsExact) {
+  // Three levels of fan-out 3 shown twice, plus the masters' own instances:
+  // a document exactly at the limit detaches, one layer over is refused.
+  TempDir dir;
+  const SketchFixture fixture = fanOutDocument(3, 3, 2);
+  auto full = PXSymbolDetacherV2::detacherWithUrl(fixture.writeFolder(dir / "full"));
+  ASSERT_TRUE(full->loadDocument());
+  full->detachSymbols();
+  ASSERT_FALSE(full->failureReason.has_value());
+  const size_t copies = copiedLayers(*full);
+  // Level k expands to e(k) = 1 + 3 (1 + e(k - 1)), e(0) = 1: 7, 25, 79. Each
+  // TOP copies e(3); the masters' own instances 3 e(0), 3 e(1) and 3 e(2).
+  EXPECT_EQ(copies, 2 * 79u + 3 + 21 + 75);
+
+  for (size_t limit : {copies, copies - 1}) {
+    SCOPED_TRACE(limit);
+    auto d = PXSymbolDetacherV2::detacherWithUrl(fixture.writeFolder(dir / ("limit-" + std::to_string(limit))));
+    d->maxCopiedLayers = limit;
+    ASSERT_TRUE(d->loadDocument());
+    d->detachSymbols();
+    EXPECT_EQ(d->failureReason.has_value(), limit < copies);
+    EXPECT_EQ(copiedLayers(*d), limit < copies ? 0 : copies);
+  }
+
+  // Overrides can swap in a bigger symbol than the count assumed: the walk
+  // counts its copies too and stops at the limit.
+  SketchFixture swapping = fanOutDocument(3, 3, 0);
+  swapping.addPage(page("Q", "Swaps", JsonArray{[&] {
+    JsonObject i = instance("HOLDER", "SYM-1", frame(0, 0, 20, 20));
+    i["overrideValues"] = JsonArray{JsonObject{{"overrideName", "L1-0_symbolID"}, {"value", "SYM-3"}}};
+    return i;
+  }()}));
+  auto d = PXSymbolDetacherV2::detacherWithUrl(swapping.writeFolder(dir / "swapping"));
+  d->maxCopiedLayers = 3 + 21 + 75 + 10;  // the count expects 7 for HOLDER
   ASSERT_TRUE(d->loadDocument());
   d->detachSymbols();
-  EXPECT_TRUE(logs.contains("Detached layer limit reached, instance kept"));
-  ASSERT_TRUE(d->saveToUrl(dir / "out.sketch"));
+  ASSERT_TRUE(d->failureReason.has_value());
+  EXPECT_EQ(cls(findLayer(pageJSON(*d, "Q"), "HOLDER")), "group") << "refused while detaching it";
+}
+
+TEST(PXSymbolDetacherV2Hostile, TheRefusalFailsTheUnzipWithItsReason) {
+  TempDir dir;
+  auto unzipper = PXSketchUnzipper::make();
+  unzipper->sketchFilePath = fanOutDocument(10, 12).writeSketch(dir / "laughs.sketch");
+  unzipper->detachMethod = "all";
+  unzipper->v2Detacher = true;
+  std::optional<bool> success;
+  unzipper->unzipToFolderPath(dir / "out", [&](bool ok, const std::string&) { success = ok; });
+  ASSERT_TRUE(pumpMainUntil([&] { return success.has_value(); }, std::chrono::seconds(60)));
+  EXPECT_FALSE(*success);
+  EXPECT_TRUE(unzipper->failureReason.starts_with("Symbol detachment refused: ")) << unzipper->failureReason;
+}
+
+// ---- Stable identifiers
+
+namespace {
+
+// Two copies of a master whose group holds two layers sharing one
+// identifier, and a nested instance; shown twice on one page.
+SketchFixture duplicateIdDocument() {
+  SketchFixture fixture;
+  fixture.addPage(page(
+      "SYMBOLS", "Symbols",
+      JsonArray{master("MS", "SYM-S", JsonArray{group("G1", JsonArray{rect("TWIN"), rect("TWIN")}), instance("N1", "SYM-T")}),
+                master("MT", "SYM-T", JsonArray{rect("T1")})}));
+  fixture.addPage(page("SCREENS", "Screens", JsonArray{instance("I1", "SYM-S"), instance("I2", "SYM-S")}));
+  return fixture;
+}
+
+// Detaches and saves a fresh copy of the document; returns its pages' text.
+std::string detachedPagesText(const SketchFixture& fixture, const std::string& folder, bool stable) {
+  auto d = PXSymbolDetacherV2::detacherWithUrl(fixture.writeFolder(folder));
+  d->stableIdentifiers = stable;
+  EXPECT_TRUE(d->loadDocument());
+  d->detachSymbols();
+  d->savePages();
+  return readText(folder + "/pages/SYMBOLS.json") + readText(folder + "/pages/SCREENS.json");
+}
+
+}  // namespace
+
+TEST(PXSymbolDetacherV2Identifiers, StableIdentifiersRepeatAndStayUnique) {
+  TempDir dir;
+  const SketchFixture fixture = duplicateIdDocument();
+  const std::string first = detachedPagesText(fixture, dir / "a", true);
+  EXPECT_EQ(detachedPagesText(fixture, dir / "b", true), first);
+  EXPECT_NE(detachedPagesText(fixture, dir / "c", false), detachedPagesText(fixture, dir / "d", false))
+      << "random by default";
+
+  // Every renewed identifier is a name-based UUID, unique in the document.
+  const std::regex version5("^[0-9A-F]{8}-[0-9A-F]{4}-5[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}$");
+  std::set<std::string> renewed;
+  size_t count = 0;
+  for (const char* pageID : {"SYMBOLS", "SCREENS"}) {
+    forEachLayer(readJson(dir / ("a/pages/" + std::string(pageID) + ".json")).as_object(), [&](const JsonObject& l) {
+      if (!l.contains("in_original_objectID")) return;
+      const std::string id(l.at("do_objectID").as_string());
+      EXPECT_TRUE(std::regex_match(id, version5)) << id;
+      renewed.insert(id);
+      ++count;
+    });
+  }
+  // Per copy of SYM-S: G1, TWIN twice, N1 and T1; and T1 where N1 is
+  // detached inside the master itself.
+  EXPECT_EQ(count, 2 * 5u + 1);
+  EXPECT_EQ(renewed.size(), count);
+
+  // The same layer in another document position gets another identifier;
+  // the default kind of identifier is random and unique too.
+  PXSymbolDetacherV2 d("");
+  d.stableIdentifiers = true;
+  JsonObject a = group("G", JsonArray{rect("R")}), b = a;
+  d.updateIdForNode(a);
+  JsonObject c = group("H", JsonArray{rect("R")});
+  d.updateIdForNode(c);
+  EXPECT_NE(a.at("layers").at(0).at("do_objectID"), c.at("layers").at(0).at("do_objectID"));
+  d.updateIdForNode(b);
+  EXPECT_NE(a.at("do_objectID"), b.at("do_objectID")) << "a path met again is told apart";
 }

@@ -142,6 +142,85 @@ TEST(PlexaExtractPipeline, UnzipFailureReachesTheHostAsTheOneError) {
   EXPECT_TRUE(outcome2->error);
 }
 
+namespace {
+
+// An artboard showing a master twice, the master holding a nested instance.
+std::string writeSymbolDocument(const TempDir& dir, const std::string& name) {
+  auto symbol = [](const std::string& id, const std::string& symbolID, JsonArray children) {
+    JsonObject m = layer("symbolMaster", id, "Master " + id, frame(0, 0, 40, 40), std::move(children));
+    m["symbolID"] = symbolID;
+    return m;
+  };
+  auto instance = [](const std::string& id, const std::string& symbolID) {
+    JsonObject i = layer("symbolInstance", id, "Instance " + id, frame(0, 0, 40, 40));
+    i["symbolID"] = symbolID;
+    return i;
+  };
+  auto text = [](const std::string& id) {
+    JsonObject t = layer("text", id, "Label", frame(0, 0, 30, 10));
+    t["attributedString"] = JsonObject{{"_class", "attributedString"}, {"string", "Label"}, {"attributes", JsonArray{}}};
+    return t;
+  };
+  SketchFixture fixture;
+  fixture.addPage(page("P1", "Screens", JsonArray{artboard("A", "Alpha", frame(0, 0, 100, 100),
+                                                           JsonArray{instance("I1", "SYM-S"), instance("I2", "SYM-S")})}));
+  fixture.addPage(page("P2", "Symbols", JsonArray{symbol("MS", "SYM-S", JsonArray{text("T1"), instance("N1", "SYM-T")}),
+                                                  symbol("MT", "SYM-T", JsonArray{text("T2")})}));
+  return fixture.writeSketch(dir / name);
+}
+
+std::map<std::string, std::string> outputFiles(const PlexaExtract& extractor) {
+  std::map<std::string, std::string> files;
+  for (const auto& name : PXFileManager::contentsOfDirectory(extractor.outputFolderPath).value_or(std::vector<std::string>{}))
+    files[name] = readText(extractor.outputFolderPath + "/" + name);
+  return files;
+}
+
+}  // namespace
+
+TEST(PlexaExtractPipeline, StableIdentifiersMakeTwoRunsIdentical) {
+  std::vector<std::map<std::string, std::string>> runs;
+  for (bool stable : {true, true, false}) {
+    // Each run in folders of its own, named at random as a host's are.
+    TempDir dir;
+    auto extractor = makeExtractor(dir, writeSymbolDocument(dir, "doc.sketch"));
+    extractor->stableIdentifiers = stable;
+    auto outcome = start(extractor, std::nullopt, PlexaExtractExportMeta | PlexaExtractDetachV2);
+    ASSERT_TRUE(pumpMainUntil([&] { return outcome->called; }));
+    ASSERT_FALSE(outcome->error);
+    runs.push_back(outputFiles(*extractor));
+  }
+  ASSERT_TRUE(runs[0].contains("A.json") && runs[0].contains("A-paths.json") && runs[0].contains("__uploadInfo.json"));
+  EXPECT_EQ(runs[0], runs[1]);
+  EXPECT_NE(runs[0].at("A.json"), runs[2].at("A.json")) << "random identifiers by default";
+}
+
+TEST(PlexaExtractPipeline, ARefusedDetachReachesTheHostWithItsReason) {
+  // Ten instances of the level below, twelve levels deep: 10^12 layers.
+  JsonArray masters;
+  for (int level = 0; level <= 12; ++level) {
+    JsonArray children{layer("rectangle", "R" + std::to_string(level), "r", frame(0, 0, 1, 1))};
+    for (int i = 0; level > 0 && i < 10; ++i) {
+      JsonObject child = layer("symbolInstance", "L" + std::to_string(level) + "-" + std::to_string(i), "i", frame(0, 0, 1, 1));
+      child["symbolID"] = "SYM-" + std::to_string(level - 1);
+      children.push_back(std::move(child));
+    }
+    JsonObject m = layer("symbolMaster", "M" + std::to_string(level), "m", frame(0, 0, 1, 1), std::move(children));
+    m["symbolID"] = "SYM-" + std::to_string(level);
+    masters.push_back(std::move(m));
+  }
+  SketchFixture fixture;
+  fixture.addPage(page("P1", "Screens", JsonArray{artboard("A", "Alpha", frame(0, 0, 100, 100))}));
+  fixture.addPage(page("P2", "Symbols", std::move(masters)));
+  TempDir dir;
+  auto extractor = makeExtractor(dir, fixture.writeSketch(dir / "laughs.sketch"));
+  auto outcome = start(extractor, std::nullopt, PlexaExtractExportMeta | PlexaExtractDetachV2);
+  ASSERT_TRUE(pumpMainUntil([&] { return outcome->called; }, std::chrono::seconds(60)));
+  ASSERT_TRUE(outcome->error);
+  EXPECT_EQ(outcome->error->code, -1100);
+  EXPECT_TRUE(outcome->error->failureReason.starts_with("Symbol detachment refused: ")) << outcome->error->failureReason;
+}
+
 TEST(PlexaExtractLifecycle, CancelAndReleaseRemoveTheFoldersAndSilenceTheCompletion) {
   TempDir dir;
   std::string sketch = writeDocument(dir);

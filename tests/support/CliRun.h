@@ -1,0 +1,52 @@
+#pragma once
+// Running the plexa-extract program from tests: with arguments as a list
+// (no shell), extra environment, output captured, and a handle for runs
+// that a test signals while they work.
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace plexa::test {
+
+using Environment = std::vector<std::pair<std::string, std::string>>;
+
+struct CliResult {
+  int exitCode = -1;   // 128 + N when signal N ended the program itself
+  std::string output;  // stdout and stderr together
+};
+
+std::string cliPath();
+std::string fakeSketchtoolPath();
+
+// Runs the program to its end.
+CliResult runCli(const std::vector<std::string>& arguments, const Environment& environment = {});
+
+// A run in the background; its output goes to a file.
+class CliProcess {
+ public:
+  CliProcess(const std::vector<std::string>& arguments, const Environment& environment, std::string outputFile);
+  ~CliProcess();
+  CliProcess(const CliProcess&) = delete;
+  CliProcess& operator=(const CliProcess&) = delete;
+
+  pid_t pid() const { return pid_; }
+  void signal(int number) const;
+  // The result once it ended within `timeout`; nothing (and the program
+  // killed) otherwise.
+  std::optional<CliResult> wait(std::chrono::milliseconds timeout);
+
+ private:
+  pid_t pid_ = -1;
+  std::string outputFile_;
+};
+
+// Entry names of a folder, sorted; empty when it does not exist.
+std::vector<std::string> entriesOf(const std::string& folder);
+bool contains(const std::string& text, const std::string& part);
+
+}  // namespace plexa::test
