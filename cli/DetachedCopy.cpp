@@ -36,7 +36,7 @@ bool isSketchArchive(const std::string& path) {
 
 // Unzips, detaches every symbol with the JSON detacher and zips the result
 // to `destination`; the reason when it could not.
-std::string writeDetached(const std::string& input, const std::string& destination) {
+std::string writeDetached(const std::string& input, const std::string& destination, bool stableIdentifiers) {
   auto& footprint = RunFootprint::shared();
   std::string error;
   std::string folder = footprint.makeTemporaryFolder("plexa-detach", &error);
@@ -47,6 +47,7 @@ std::string writeDetached(const std::string& input, const std::string& destinati
     problem = "could not be unzipped: " + unzipped.error;
   } else {
     auto detacher = PXSymbolDetacherV2::detacherWithUrl(folder);
+    detacher->stableIdentifiers = stableIdentifiers;
     if (!detacher->loadDocument()) {
       problem = "its document could not be read";
     } else {
@@ -83,7 +84,7 @@ DetachedCopyResult saveDetachedCopy(const Options& options) {
   auto& footprint = RunFootprint::shared();
   std::string partial = partialPathFor(target);
   if (!footprint.record(partial)) return failed(target, "the path is too long");
-  std::string problem = writeDetached(options.input, partial);
+  std::string problem = writeDetached(options.input, partial, options.stableIds);
   if (!problem.empty()) {
     footprint.remove(partial);
     return failed(options.input, problem);

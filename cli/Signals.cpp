@@ -242,9 +242,9 @@ void SignalGuard::install() {
 }
 
 void SignalGuard::stopRun() noexcept {
-  killDescendants();
+  // Threads first: a thread that saw its child die would otherwise carry on
+  // and deliver a run that is being stopped.
   stopOtherThreads();
-  // A thread stopped just after starting a child leaves that child behind.
   killDescendants();
   RunFootprint::shared().removeAll();
 }
