@@ -246,12 +246,11 @@ void collectExportable(const JsonValue& node, std::vector<std::string>& ids, int
 
 }  // namespace
 
-SketchDocument::SketchDocument(std::string folder, bool ownsFolder, RenderNotes& notes)
-    : folder_(std::move(folder)), ownsFolder_(ownsFolder), notes_(notes), images_(folder_) {}
+SketchDocument::SketchDocument(std::string folder, RenderNotes& notes) : folder_(std::move(folder)), notes_(notes) {}
 
 SketchDocument::~SketchDocument() {
   detacher_.reset();
-  if (ownsFolder_) PXFileManager::removeItem(folder_);
+  if (!archive_.empty()) PXFileManager::removeItem(folder_);
 }
 
 std::unique_ptr<SketchDocument> SketchDocument::open(const std::string& path, RenderNotes& notes,
@@ -261,20 +260,27 @@ std::unique_ptr<SketchDocument> SketchDocument::open(const std::string& path, Re
     if (error) *error = "no such file";
     return nullptr;
   }
-  std::unique_ptr<SketchDocument> document;
   if (isDirectory) {
-    document.reset(new SketchDocument(path, false, notes));
-  } else {
-    std::string folder = PXFileManager::makeTemporaryDirectory("plexa-sketchtool");
-    document.reset(new SketchDocument(folder, true, notes));
-    auto unzipped = PXZip::extractAll(path, folder);
-    if (!unzipped.ok) {
-      if (error) *error = "not a readable Sketch document (" + unzipped.error + ")";
-      return nullptr;
-    }
+    std::unique_ptr<SketchDocument> document(new SketchDocument(path, notes));
+    document->images_ = std::make_unique<ImageSource>(path);
+    return document->load(error) ? std::move(document) : nullptr;
   }
-  if (!document->load(error)) return nullptr;
-  return document;
+  std::unique_ptr<SketchDocument> document(
+      new SketchDocument(PXFileManager::makeTemporaryDirectory("plexa-sketchtool"), notes));
+  document->archive_ = path;
+  auto unzipped = PXZip::extractAll(path, document->folder_);
+  if (!unzipped.ok) {
+    if (error) *error = "not a readable Sketch document (" + unzipped.error + ")";
+    return nullptr;
+  }
+  bool loaded = document->load(error);
+  // Everything needed later is in memory now, and images come straight from
+  // the archive: the unzipped copy goes at once, so a run that is killed
+  // while drawing leaves nothing behind.
+  PXFileManager::removeItem(document->folder_);
+  document->images_ = std::make_unique<ImageSource>(
+      [archive = path](const std::string& relativePath) { return PXZip::readEntry(archive, relativePath); });
+  return loaded ? std::move(document) : nullptr;
 }
 
 bool SketchDocument::load(std::string* error) {
@@ -283,6 +289,7 @@ bool SketchDocument::load(std::string* error) {
     if (error) *error = "document.json is missing or malformed";
     return false;
   }
+  if (auto text = PXFileManager::readFile(PXAppendingPathComponent(folder_, "meta.json"))) meta_ = PXJsonParse(*text);
   return true;
 }
 
@@ -330,16 +337,13 @@ const ScenePage* SketchDocument::scenePage(const std::string& pageID) {
     if (!symbolsFound_) detacher_->findSymbols(), symbolsFound_ = true;
     std::vector<std::string> chain;
     detacher_->detachSymbolsForNode(page.json.get_object(), chain);
-    SceneBuilder builder(images_, notes_, curveTolerance_);
+    SceneBuilder builder(*images_, notes_, curveTolerance_);
     auto [it, inserted] = built_.emplace(pageID, builder.buildPage(page.json));
     return &it->second;
   }
   return nullptr;
 }
 
-std::optional<JsonValue> SketchDocument::metaJSON() const {
-  auto text = PXFileManager::readFile(PXAppendingPathComponent(folder_, "meta.json"));
-  return text ? PXJsonParse(*text) : std::nullopt;
-}
+std::optional<JsonValue> SketchDocument::metaJSON() const { return meta_; }
 
 }  // namespace plexa::render

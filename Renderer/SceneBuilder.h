@@ -84,16 +84,16 @@ class SketchDocument {
   const ScenePage* scenePage(const std::string& pageID);
   // meta.json, or null when it cannot be read.
   std::optional<JsonValue> metaJSON() const;
-  const std::string& folder() const { return folder_; }
 
  private:
-  SketchDocument(std::string folder, bool ownsFolder, RenderNotes& notes);
+  SketchDocument(std::string folder, RenderNotes& notes);
   bool load(std::string* error);
 
   std::string folder_;
-  bool ownsFolder_ = false;
+  std::string archive_;  // set when opened from a .sketch file
   RenderNotes& notes_;
-  ImageSource images_;
+  std::unique_ptr<ImageSource> images_;
+  std::optional<JsonValue> meta_;
   std::shared_ptr<PXSymbolDetacherV2> detacher_;
   bool symbolsFound_ = false;
   double curveTolerance_ = 0.05;

@@ -74,6 +74,16 @@ bool applyOption(ExportRequest& request, const std::string& name, const std::str
   return true;
 }
 
+// A layer's drawn bounds grown to whole pixels, so its edges land on the
+// pixel grid as they do on the board.
+Rect snappedToPixels(const Rect& region, double scale) {
+  if (!isSaneFrame(region) || region.isEmpty()) return region;
+  double left = std::floor(region.x * scale + 0.01) / scale, top = std::floor(region.y * scale + 0.01) / scale;
+  double right = std::ceil((region.x + region.width) * scale - 0.01) / scale;
+  double bottom = std::ceil((region.y + region.height) * scale - 0.01) / scale;
+  return {left, top, right - left, bottom - top};
+}
+
 // What one run shares: the document, its notes, and the output.
 class Exporter {
  public:
@@ -226,6 +236,7 @@ void Exporter::exportLayer(const std::string& id) {
     bool framed = node.isBoard() || node.kind == NodeKind::Slice;
     Rect region = transformedBounds(framed ? Rect{0, 0, frame.width, frame.height} : drawnBounds(node),
                                     location->toPage);
+    if (!framed) region = snappedToPixels(region, scale);
     if (!checkSize("layer " + id, region, scale)) continue;
     if (vector) {
       exportVector(name, *location, region, scale, format.fileFormat);

@@ -305,14 +305,47 @@ struct RunSpan {
   const TextRun* run = nullptr;
 };
 
+// Small kana and the prolonged sound mark may start a line in Sketch, as in
+// the usual (not strict) Japanese rules; Pango never breaks before them.
+bool startsLineLoosely(gunichar c) {
+  switch (c) {
+    case 0x3041: case 0x3043: case 0x3045: case 0x3047: case 0x3049: case 0x3063: case 0x3083: case 0x3085:
+    case 0x3087: case 0x308E: case 0x3095: case 0x3096: case 0x30A1: case 0x30A3: case 0x30A5: case 0x30A7:
+    case 0x30A9: case 0x30C3: case 0x30E3: case 0x30E5: case 0x30E7: case 0x30EE: case 0x30F5: case 0x30F6:
+    case 0x30FC: case 0xFF67: case 0xFF68: case 0xFF69: case 0xFF6A: case 0xFF6B: case 0xFF6C: case 0xFF6D:
+    case 0xFF6E: case 0xFF6F: case 0xFF70:
+      return true;
+    default: return c >= 0x31F0 && c <= 0x31FF;
+  }
+}
+
+bool opensBracket(gunichar c) { return g_unichar_type(c) == G_UNICODE_OPEN_PUNCTUATION; }
+
+// Appends `text`, with a zero-width space before each such kana so that the
+// line may break there. `previous` is the last character already in the
+// paragraph (0 at its start).
+void appendWithKanaBreaks(std::string& paragraph, const std::string& text, gunichar& previous) {
+  for (const char* p = text.c_str(); *p; p = g_utf8_next_char(p)) {
+    const gunichar c = g_utf8_get_char(p);
+    if (startsLineLoosely(c) && previous != 0 && !startsLineLoosely(previous) && !opensBracket(previous) &&
+        !g_unichar_isspace(previous))
+      paragraph += "\u200B";
+    paragraph.append(p, g_utf8_next_char(p) - p);
+    previous = c;
+  }
+}
+
 LayoutPtr paragraphLayout(PangoContext* context, const TextParagraph& paragraph, std::optional<double> wrapWidth,
                           std::vector<RunSpan>& spans) {
   LayoutPtr layout(pango_layout_new(context));
   std::string text;
   PangoAttrList* list = pango_attr_list_new();
+  gunichar previous = 0;
   for (const auto& run : paragraph.runs) {
     const size_t start = text.size();
-    text += run.text;
+    // Letter spacing would space the inserted breaks too.
+    if (wrapWidth && run.kerning == 0) appendWithKanaBreaks(text, run.text, previous);
+    else text += run.text, previous = 0;
     spans.push_back({start, text.size(), &run});
     if (text.size() > start) addRunAttributes(list, run, static_cast<guint>(start), static_cast<guint>(text.size()));
   }
@@ -360,6 +393,7 @@ std::vector<const TextRun*> runsOnLine(const std::vector<RunSpan>& spans, size_t
 // Where Macs put the baseline below the line top: the face's hhea ascender,
 // even when the face asks for its typographic metrics as Pango honours them.
 double hheaAscent(PangoContext* context, const TextRun& run, double pangoAscent) {
+  if (run.font.ascentEm > 0) return run.font.ascentEm * run.font.size;
   PangoFontDescription* description = pangoDescriptionForFace(run.font);
   PangoFont* font = pango_context_load_font(context, description);
   pango_font_description_free(description);
@@ -381,6 +415,7 @@ double hheaAscent(PangoContext* context, const TextRun& run, double pangoAscent)
 
 double defaultLineHeight(const TextRun& run) {
   const TextFace& face = run.font;
+  if (face.ascentEm > 0) return (face.ascentEm + face.descentEm) * face.size;
   const PXFont font{face.family, face.postScriptName, "", face.size, face.file, face.faceIndex};
   return PXDefaultLineHeightForFont(font).value_or(face.size * 1.2);
 }

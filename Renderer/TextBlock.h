@@ -45,6 +45,9 @@ struct TextFace {
   int width = 100;  // fontconfig width (100 normal, 75 condensed)
   double size = 12;
   bool substituted = false;
+  // A missing face's own ascent and descent in ems, which place lines in
+  // place of the stand-in's; 0 when not known.
+  double ascentEm = 0, descentEm = 0;
 };
 
 struct TextRun {

@@ -79,8 +79,24 @@ std::pair<std::string, std::string> splitName(const std::string& name) {
   return {trimmed.substr(0, dash), trimmed.substr(dash + 1)};
 }
 
+// Hiragino numbers its weights W0 (thinnest) to W9 (heaviest); W3 is the
+// text weight and W6 the bold one.
+std::optional<int> numberedWeight(const std::string& style) {
+  static const int weights[] = {FC_WEIGHT_THIN,     FC_WEIGHT_EXTRALIGHT, FC_WEIGHT_LIGHT, FC_WEIGHT_REGULAR,
+                                FC_WEIGHT_REGULAR,  FC_WEIGHT_MEDIUM,     FC_WEIGHT_DEMIBOLD, FC_WEIGHT_BOLD,
+                                FC_WEIGHT_EXTRABOLD, FC_WEIGHT_BLACK};
+  for (size_t i = 0; i + 1 < style.size(); ++i) {
+    const bool starts = i == 0 || !std::isalpha(static_cast<unsigned char>(style[i - 1]));
+    const bool ends = i + 2 == style.size() || !std::isdigit(static_cast<unsigned char>(style[i + 2]));
+    if (starts && ends && style[i] == 'w' && std::isdigit(static_cast<unsigned char>(style[i + 1])))
+      return weights[style[i + 1] - '0'];
+  }
+  return std::nullopt;
+}
+
 int weightFromStyle(const std::string& name) {
   const std::string style = lowercased(name);
+  if (auto numbered = numberedWeight(style)) return *numbered;
   if (contains(style, "thin") || contains(style, "hairline")) return FC_WEIGHT_THIN;
   if (contains(style, "extralight") || contains(style, "ultralight")) return FC_WEIGHT_EXTRALIGHT;
   if (contains(style, "light")) return FC_WEIGHT_LIGHT;
@@ -89,6 +105,7 @@ int weightFromStyle(const std::string& name) {
   if (contains(style, "black")) return FC_WEIGHT_BLACK;
   if (contains(style, "bold")) return FC_WEIGHT_BOLD;
   if (contains(style, "medium")) return FC_WEIGHT_MEDIUM;
+  if (contains(style, "book")) return FC_WEIGHT_BOOK;
   return FC_WEIGHT_REGULAR;
 }
 
@@ -110,34 +127,57 @@ std::string spacedWords(const std::string& family) {
   return spaced;
 }
 
-// macOS faces documents use often, and installed families that look and
-// measure like them.
+// macOS faces documents use often, installed families that look and
+// measure like them, and the missing face's own vertical metrics as Macs
+// read them (hhea ascender and descender in ems; 0 when not known), so that
+// lines keep Sketch's height and baseline whatever stands in.
 struct LookAlike {
   const char* prefix;  // lower-case family prefix without spaces
   std::vector<std::string> families;
+  double ascent = 0, descent = 0;
 };
 
 const std::vector<LookAlike>& lookAlikes() {
   static const std::vector<LookAlike> table = {
-      {"sfmono", {"DejaVu Sans Mono", "monospace"}},
-      {"sf", {"Roboto", "Open Sans"}},
-      {"sanfrancisco", {"Roboto", "Open Sans"}},
-      {"applesystemuifont", {"Roboto", "Open Sans"}},
+      {"sfmono", {"DejaVu Sans Mono", "monospace"}, 0.952, 0.241},
+      {"sf", {"Roboto", "Open Sans"}, 0.952, 0.241},
+      {"sanfrancisco", {"Roboto", "Open Sans"}, 0.952, 0.241},
+      {"applesystemuifont", {"Roboto", "Open Sans"}, 0.952, 0.241},
       {"helvetica", {"Liberation Sans", "Arimo", "Roboto"}},
       {"arial", {"Liberation Sans", "Arimo", "Roboto"}},
-      {"avenir", {"Lato", "Open Sans"}},
+      {"avenir", {"Lato", "Open Sans"}, 1.0, 0.366},
       {"futura", {"Lato", "Open Sans"}},
+      {"athelas", {"Roboto Slab", "DejaVu Serif", "serif"}, 0.857, 0.25},
       {"myriad", {"Open Sans", "Lato"}},
-      {"lucidagrande", {"Open Sans", "DejaVu Sans"}},
-      {"hiragino", {"Noto Sans CJK JP", "Droid Sans Fallback", "Roboto"}},
+      {"lucidagrande", {"Open Sans", "DejaVu Sans"}, 0.967, 0.211},
+      // Hiragino's Latin and kana sit in a one-em line.
+      {"hiraginosans", {"Noto Sans CJK JP", "Droid Sans Fallback", "Roboto"}, 0.88, 0.12},
+      {"hirakaku", {"Noto Sans CJK JP", "Droid Sans Fallback", "Roboto"}, 0.88, 0.12},
+      {"hiramaru", {"Noto Sans CJK JP", "Droid Sans Fallback", "Roboto"}, 0.88, 0.12},
+      {"hiramin", {"Noto Serif CJK JP", "Noto Sans CJK JP", "serif"}, 0.88, 0.12},
+      {"hiragino", {"Noto Sans CJK JP", "Droid Sans Fallback", "Roboto"}, 0.88, 0.12},
       {"pingfang", {"Noto Sans CJK SC", "Droid Sans Fallback", "Roboto"}},
-      {"menlo", {"DejaVu Sans Mono", "monospace"}},
+      {"menlo", {"DejaVu Sans Mono", "monospace"}, 0.928, 0.236},
       {"monaco", {"DejaVu Sans Mono", "monospace"}},
       {"courier", {"Liberation Mono", "DejaVu Sans Mono", "monospace"}},
       {"times", {"Liberation Serif", "DejaVu Serif", "serif"}},
       {"georgia", {"DejaVu Serif", "serif"}},
   };
   return table;
+}
+
+std::string familyKey(const std::string& requestedName) {
+  std::string key = lowercased(splitName(requestedName).first);
+  key.erase(std::remove(key.begin(), key.end(), ' '), key.end());
+  return key;
+}
+
+const LookAlike* lookAlikeFor(const std::string& requestedName) {
+  const std::string key = familyKey(requestedName);
+  for (const auto& alike : lookAlikes()) {
+    if (key.starts_with(alike.prefix)) return &alike;
+  }
+  return nullptr;
 }
 
 std::optional<FaceFields> matchFallback(const std::string& requestedName) {
@@ -200,6 +240,8 @@ class FaceCache {
     face.slant = fields.slant;
     face.width = fields.width;
     face.substituted = substituted;
+    const LookAlike* alike = substituted ? lookAlikeFor(requestedName) : nullptr;
+    if (alike && alike->ascent > 0) face.ascentEm = alike->ascent, face.descentEm = alike->descent;
     faces_.emplace(requestedName, face);
     return face;
   }
@@ -218,13 +260,8 @@ std::vector<std::string> fallbackFamiliesFor(const std::string& requestedName) {
     families.push_back(family);
     if (spacedWords(family) != family) families.push_back(spacedWords(family));
   }
-  std::string key = lowercased(family);
-  key.erase(std::remove(key.begin(), key.end(), ' '), key.end());
-  for (const auto& alike : lookAlikes()) {
-    if (!key.starts_with(alike.prefix)) continue;
-    families.insert(families.end(), alike.families.begin(), alike.families.end());
-    break;
-  }
+  if (const LookAlike* alike = lookAlikeFor(requestedName))
+    families.insert(families.end(), alike->families.begin(), alike->families.end());
   families.push_back("sans-serif");
   return families;
 }

@@ -1,6 +1,7 @@
 // The progress display: how often it draws, how it shares the terminal with
 // log lines, how it fits the width, and the events other programs read.
 #include "ProgressReporter.h"
+#include "Summary.h"
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -211,4 +212,28 @@ TEST(ProgressCli, TheProgramEndsItsEventsWithTheResultAndFitsItsBar) {
     EXPECT_LE(columnsOf(shown), 49u) << shown;
   }
   EXPECT_NE(bar.find("100% ["), std::string::npos) << bar;
+}
+
+TEST(RunSummary, NamesArtboardsAndSymbolMastersApartAndListsWhatIsMissing) {
+  struct Case {
+    size_t artboards, masters;
+    const char* text;
+  };
+  for (auto c : {Case{10, 474, "10 artboards and 474 symbol masters"}, Case{1, 1, "1 artboard and 1 symbol master"},
+                 Case{4, 0, "4 artboards"}, Case{0, 2, "2 symbol masters"}, Case{0, 0, "no artboards"}})
+    EXPECT_EQ(itemsText(c.artboards, c.masters), c.text);
+
+  RunOutcome outcome;
+  outcome.artboards = 10;
+  outcome.symbolMasters = 474;
+  outcome.filesWritten = 1;
+  outcome.outputFolder = "/out";
+  outcome.seconds = 9.004;
+  EXPECT_EQ(summaryText(outcome), "Extracted 10 artboards and 474 symbol masters: 1 file written to /out in 9.00 s\n");
+  outcome.missing = {"image of artboard A (Home)", "meta file B.json (disk full)"};
+  EXPECT_EQ(summaryText(outcome),
+            "Extracted 10 artboards and 474 symbol masters: 1 file written to /out in 9.00 s\n"
+            "2 items are missing:\n  image of artboard A (Home)\n  meta file B.json (disk full)\n");
+  outcome.error = "/in.sketch: could not be unzipped";
+  EXPECT_EQ(summaryText(outcome), "plexa-extract: /in.sketch: could not be unzipped\n");
 }

@@ -86,7 +86,8 @@ class SketchToolTest : public ::testing::Test {
     SketchFixture fixture;
     fixture.addPage(page("P1", "Page One", JsonArray{red, blue, huge, broken}));
     fixture.addPage(page("P2", "Loose", JsonArray{filledRect("LOOSE", 10, 10, 5, 5, colorJSON(0, 0, 0)), hostile}));
-    fixture.addPage(page("P3", "Vectors", JsonArray{vector}));
+    JsonObject half = withFormats(filledRect("HALF", 30.5, 20, 4, 4, colorJSON(0, 0, 0)), JsonArray{exportFormat("", 1)});
+    fixture.addPage(page("P3", "Vectors", JsonArray{vector, half}));
     document = fixture.writeSketch(dir / "doc.sketch");
     output = dir / "out";
     std::filesystem::create_directories(output);
@@ -189,6 +190,16 @@ TEST_F(SketchToolTest, VectorPresetsAreWrittenAndUnknownFormatsReported) {
   EXPECT_NE(svg.find("<svg"), std::string::npos);
   EXPECT_NE(svg.find("width=\"6\""), std::string::npos) << svg.substr(0, 300);  // svg ignores the preset's scale
   EXPECT_EQ(readText(output + "/VEC.pdf").substr(0, 5), "%PDF-");
+}
+
+TEST_F(SketchToolTest, LayerImagesKeepTheLayerOnThePixelGrid) {
+  ASSERT_TRUE(exportLayers("HALF").has("Exported HALF.png"));
+  auto png = image("HALF.png");
+  ASSERT_TRUE(png);
+  EXPECT_EQ(png->width, 5);  // 30.5 … 34.5 covers five pixels
+  EXPECT_NEAR(png->pixels[3], 128, 2);
+  EXPECT_EQ(png->pixels[2 * 4 + 3], 255);
+  EXPECT_NEAR(png->pixels[4 * 4 + 3], 128, 2);
 }
 
 TEST_F(SketchToolTest, LayerNamesNeverPlaceFilesOutsideTheOutput) {
