@@ -88,7 +88,7 @@ void describe(CLI::App& app, Options& options, ParseFlags& flags) {
   app.add_flag("--stable-ids", options.stableIds,
                "give detached layers identifiers that stay the same from run to run");
   app.add_flag("--pretty", options.pretty, "rewrite the unzipped document's JSON indented");
-  app.add_option("--sketchtool", options.sketchtool, "sketchtool to run (default: $sketchToolPath, known places, PATH)");
+  app.add_option("--sketchtool", options.sketchtool, "sketchtool to run (default: $sketchToolPath, Sketch's own, the bundled plexa-sketchtool, then PATH)");
   app.add_option("--max-concurrent", options.maxConcurrent, "sketchtool runs at once for artboard images (default 4)")
       ->check(wholeNumberAtLeastOne());
   app.add_option("--batch-size", options.batchSize, "artboards per sketchtool run (default 10)")

@@ -8,8 +8,7 @@ cd "$(dirname "$0")/.."
 
 say() { echo "run-sample: $*" >&2; }
 
-targets=(plexa-extract)
-[ -f Renderer/main.cpp ] && targets+=(plexa-sketchtool)
+targets=(plexa-extract plexa-sketchtool)
 terminal=0; [ -t 2 ] && terminal=1
 columns=$( (tput cols 2>/dev/null || echo 80) )
 

@@ -1,4 +1,5 @@
 // What the host shows of the library's log at each verbosity, and how it reads.
+#include "CliRun.h"
 #include "ChildErrorRelay.h"
 #include "ConsoleLog.h"
 #include "PXSketchTool.h"
@@ -34,18 +35,6 @@ std::vector<std::string> shown(int verbosity, const std::vector<Record>& records
 }
 
 const std::regex kDetailed(R"(^\d\d:\d\d:\d\d\.\d{3} (error|warning|info|debug|trace) .*)");
-
-std::string runCli(const std::string& arguments) {
-  std::string command = std::string(PLEXA_CLI_PATH) + " " + arguments + " 2>&1";
-  std::string output;
-  FILE* pipe = ::popen(command.c_str(), "r");
-  if (!pipe) return output;
-  std::array<char, 4096> buffer{};
-  size_t n;
-  while ((n = std::fread(buffer.data(), 1, buffer.size(), pipe)) > 0) output.append(buffer.data(), n);
-  ::pclose(pipe);
-  return output;
-}
 
 }  // namespace
 
@@ -160,16 +149,16 @@ TEST(ConsoleLog, TheProgramShowsDebugLinesFromTwoVsOnly) {
   TempDir dir;
   std::string base = std::string(PLEXA_SOURCE_DIR) + "/samples/PlexaSample.sketch --progress none --sketchtool " +
                      PLEXA_TEST_BINARY_DIR + "/fake-sketchtool -o ";
-  auto plain = runCli(base + dir.path() + "/a");
-  auto info = runCli(base + dir.path() + "/b -v");
-  auto debug = runCli(base + dir.path() + "/c -vv");
+  auto plain = runCliShell(base + dir.path() + "/a");
+  auto info = runCliShell(base + dir.path() + "/b -v");
+  auto debug = runCliShell(base + dir.path() + "/c -vv");
   for (const auto* output : {&plain, &info}) {
     EXPECT_EQ(output->find("batch png-0 started"), std::string::npos) << *output;
     EXPECT_EQ(output->find(".cpp:"), std::string::npos) << *output;
   }
   EXPECT_NE(debug.find(" debug batch png-0 started\n"), std::string::npos) << debug;
   EXPECT_EQ(debug.find("[PlexaExtract.cpp:"), std::string::npos) << "trace lines belong to -vvv";
-  auto trace = runCli(base + dir.path() + "/d -vvv");
+  auto trace = runCliShell(base + dir.path() + "/d -vvv");
   EXPECT_NE(trace.find(" trace [PlexaExtract.cpp:"), std::string::npos) << trace;
 }
 

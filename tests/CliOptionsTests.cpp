@@ -1,4 +1,5 @@
 // The host's command line: what it accepts, what it refuses and how it says so.
+#include "CliRun.h"
 #include "Options.h"
 #include "RunOutcome.h"
 
@@ -10,6 +11,7 @@
 #include <sys/wait.h>
 
 using namespace plexa::cli;
+using namespace plexa::test;
 
 namespace {
 
@@ -27,18 +29,6 @@ Parsed parse(std::vector<std::string> arguments) {
   std::ostringstream out, err;
   auto result = parseOptions(static_cast<int>(argv.size()), argv.data(), out, err);
   return {std::move(result), out.str(), err.str()};
-}
-
-std::string runCli(const std::string& arguments) {
-  std::string command = std::string(PLEXA_CLI_PATH) + " " + arguments + " 2>&1";
-  std::string output;
-  FILE* pipe = ::popen(command.c_str(), "r");
-  if (!pipe) return output;
-  std::array<char, 4096> buffer{};
-  size_t n;
-  while ((n = std::fread(buffer.data(), 1, buffer.size(), pipe)) > 0) output.append(buffer.data(), n);
-  ::pclose(pipe);
-  return output;
 }
 
 }  // namespace
@@ -122,6 +112,6 @@ TEST(CliOptions, VersionNamesTheLibrarySymbols) {
   EXPECT_NE(version.out.find("PROGRAM:PlexaExtract  PROJECT:"), std::string::npos) << version.out;
   EXPECT_EQ(version.out.find("@(#)"), std::string::npos);
   // The installed program answers the same, before looking for a document.
-  EXPECT_EQ(runCli("--version"), versionText());
-  EXPECT_NE(runCli("--bogus").find("unknown option --bogus"), std::string::npos);
+  EXPECT_EQ(runCliShell("--version"), versionText());
+  EXPECT_NE(runCliShell("--bogus").find("unknown option --bogus"), std::string::npos);
 }

@@ -19,13 +19,6 @@ namespace {
 const std::string kHome = "5E0B1A3C-1111-4A2B-9C3D-4E5F60718201";
 const std::string kDetails = "5E0B1A3C-2222-4A2B-9C3D-4E5F60718202";
 
-std::string makeSample(const TempDir& dir) {
-  std::string path = dir / "Sample.sketch";
-  std::string command = std::string("'") + PLEXA_MAKE_SAMPLE_PATH + "' '" + path + "'";
-  EXPECT_EQ(std::system(command.c_str()), 0);
-  return path;
-}
-
 std::string writeScript(const std::string& path, const std::string& body) {
   writeText(path, "#!/bin/sh\n" + body + "\n");
   ::chmod(path.c_str(), 0755);
@@ -43,7 +36,7 @@ Environment withTemp(const TempDir& dir, Environment more = {}) {
 
 TEST(CliOutcome, RunsWithItemsMissingExitThreeAndNameThem) {
   TempDir dir;
-  std::string sample = makeSample(dir);
+  std::string sample = makeSample(dir.path());
   std::string crashing = writeScript(dir / "crashing-tool", "kill -SEGV $$");
   struct Case {
     const char* what;
@@ -73,7 +66,7 @@ TEST(CliOutcome, RunsWithItemsMissingExitThreeAndNameThem) {
 
 TEST(CliOutcome, UnusableArgumentsAreRefusedBeforeAnythingIsWritten) {
   TempDir dir;
-  std::string sample = makeSample(dir);
+  std::string sample = makeSample(dir.path());
   std::string out = dir / "out";
   struct Case {
     std::vector<std::string> arguments;
@@ -103,7 +96,7 @@ TEST(CliOutcome, UnusableArgumentsAreRefusedBeforeAnythingIsWritten) {
 
 TEST(CliOutcome, BlanksAroundArtboardIDsAreTrimmed) {
   TempDir dir;
-  std::string sample = makeSample(dir);
+  std::string sample = makeSample(dir.path());
   std::string out = dir / "out";
   auto result = runCli({sample, "-o", out, "--meta", "--progress", "none", "--artboards", kHome + ", " + kDetails});
   EXPECT_EQ(result.exitCode, 0) << result.output;
@@ -144,7 +137,7 @@ TEST(CliOutcome, FilesThatAreNotSketchDocumentsAreNamedAsSuch) {
 
 TEST(CliOutcome, PluginDetachFailsAtOnceWhenSketchCannotBeStarted) {
   TempDir dir;
-  std::string sample = makeSample(dir);
+  std::string sample = makeSample(dir.path());
   PXFileManager::createDirectory(dir / "out", true);
   // The test double knows no "run" command, as a sketchtool without Sketch.
   auto result = runCli({sample, "-o", dir / "out", "--detach", "plugin", "--progress", "none", "--sketchtool",
@@ -161,7 +154,7 @@ TEST(CliOutcome, PluginDetachFailsAtOnceWhenSketchCannotBeStarted) {
 
 TEST(CliOutcome, SaveDetachedReportsWhatItCouldNotWrite) {
   TempDir dir;
-  std::string sample = makeSample(dir);
+  std::string sample = makeSample(dir.path());
   const std::string original = readText(sample);
   ::symlink(sample.c_str(), (dir / "link.sketch").c_str());
   PXFileManager::createDirectory(dir / "folder.sketch", true);
@@ -203,7 +196,7 @@ TEST(CliOutcome, SaveDetachedReportsWhatItCouldNotWrite) {
 
 TEST(CliOutcome, StableIdentifiersMakeRepeatedRunsByteIdentical) {
   TempDir dir;
-  std::string sample = makeSample(dir);
+  std::string sample = makeSample(dir.path());
   auto pages = [&](const std::string& path) {
     std::string all;
     for (const auto& name : PXZip::entryNames(path).value_or(std::vector<std::string>()))

@@ -15,13 +15,6 @@ using namespace plexa::test;
 
 namespace {
 
-std::string makeSample(const TempDir& dir) {
-  std::string path = dir / "Sample.sketch";
-  std::string command = std::string("'") + PLEXA_MAKE_SAMPLE_PATH + "' '" + path + "'";
-  EXPECT_EQ(std::system(command.c_str()), 0);
-  return path;
-}
-
 Environment withTemp(const TempDir& dir) {
   PXFileManager::createDirectory(dir / "tmp", true);
   return {{"TMPDIR", dir / "tmp"}};
@@ -47,7 +40,7 @@ std::vector<std::string> fullPathsIn(const std::string& out) {
 
 TEST(CliOutputFolder, EveryFullPathNamesTheFileTheUserHas) {
   TempDir dir;
-  std::string sample = makeSample(dir);
+  std::string sample = makeSample(dir.path());
   // A relative -o: the paths are still whole paths to the user's folder.
   ASSERT_EQ(::chdir(dir.path().c_str()), 0);
   auto result = runCli({sample, "-o", "out", "--progress", "none", "--sketchtool", fakeSketchtoolPath()},
@@ -65,7 +58,7 @@ TEST(CliOutputFolder, EveryFullPathNamesTheFileTheUserHas) {
 
 TEST(CliOutputFolder, AFolderWithSomethingInItIsUsedOnlyWithOverwrite) {
   TempDir dir;
-  std::string sample = makeSample(dir);
+  std::string sample = makeSample(dir.path());
   std::string out = dir / "out";
   PXFileManager::createDirectory(out + "/Documents", true);
   writeText(out + "/Documents/letter.txt", "mine");
@@ -112,7 +105,7 @@ TEST(CliOutputFolder, AnArtboardNamedLikeAFolderOfTheUsersTakesNothingOfTheirs) 
 
 TEST(CliOutputFolder, AFailedRunLeavesTheFolderAsItWas) {
   TempDir dir;
-  std::string sample = makeSample(dir);
+  std::string sample = makeSample(dir.path());
   PXFileManager::createDirectory(dir / "empty", true);
   // Sketch cannot be started: the run fails after the folder was prepared.
   const std::vector<std::string> failing = {"--detach", "plugin", "--progress", "none", "--sketchtool",

@@ -1,5 +1,6 @@
 // The progress display: how often it draws, how it shares the terminal with
 // log lines, how it fits the width, and the events other programs read.
+#include "CliRun.h"
 #include "ProgressReporter.h"
 #include "Summary.h"
 #include "TestSupport.h"
@@ -50,18 +51,6 @@ std::string visible(std::string line) {
 
 size_t columnsOf(const std::string& text) {
   return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xC0) != 0x80; }));
-}
-
-std::string runCli(const std::string& arguments, const std::string& environment = "") {
-  std::string command = environment + " " + PLEXA_CLI_PATH + " " + arguments + " 2>&1";
-  std::string output;
-  FILE* pipe = ::popen(command.c_str(), "r");
-  if (!pipe) return output;
-  std::array<char, 4096> buffer{};
-  size_t n;
-  while ((n = std::fread(buffer.data(), 1, buffer.size(), pipe)) > 0) output.append(buffer.data(), n);
-  ::pclose(pipe);
-  return output;
 }
 
 const char* kArtboards = "Exporting Artboards (4/5)";
@@ -191,7 +180,7 @@ TEST(ProgressCli, TheProgramEndsItsEventsWithTheResultAndFitsItsBar) {
   TempDir dir;
   std::string base = std::string(PLEXA_SOURCE_DIR) + "/samples/PlexaSample.sketch --sketchtool " +
                      PLEXA_TEST_BINARY_DIR + "/fake-sketchtool -o ";
-  auto json = runCli(base + dir.path() + "/a --progress json");
+  auto json = runCliShell(base + dir.path() + "/a --progress json");
   auto lines = linesOf(json);
   auto last = std::find_if(lines.rbegin(), lines.rend(), [](const std::string& l) { return l.rfind("{", 0) == 0; });
   ASSERT_NE(last, lines.rend()) << json;
@@ -204,7 +193,7 @@ TEST(ProgressCli, TheProgramEndsItsEventsWithTheResultAndFitsItsBar) {
   EXPECT_GT(result.at("filesWritten").to_number<int64_t>(), 4);
   EXPECT_TRUE(result.at("missing").as_array().empty());
 
-  auto bar = runCli(base + dir.path() + "/b --progress bar", "COLUMNS=50");
+  auto bar = runCliShell(base + dir.path() + "/b --progress bar", "COLUMNS=50");
   ASSERT_NE(bar.find('\r'), std::string::npos) << bar;
   for (const auto& line : linesOf(bar)) {
     std::string shown = visible(line);

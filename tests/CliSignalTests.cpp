@@ -17,13 +17,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-std::string makeSample(const TempDir& dir) {
-  std::string path = dir / "Sample.sketch";
-  std::string command = std::string("'") + PLEXA_MAKE_SAMPLE_PATH + "' '" + path + "'";
-  EXPECT_EQ(std::system(command.c_str()), 0);
-  return path;
-}
-
 // One page with `count` empty artboards.
 std::string writeManyArtboards(const std::string& path, int count) {
   JsonArray artboards;
@@ -80,7 +73,7 @@ TEST(CliSignals, EachEndingSignalExitsWithItsNumberAndLeavesNothing) {
                         Case{SIGQUIT, "SIGQUIT"}}) {
     SCOPED_TRACE(c.name);
     Folders f;
-    std::string sample = makeSample(f.dir);
+    std::string sample = makeSample(f.dir.path());
     std::string log = f.dir / "tool.log";
     CliProcess run({sample, "-o", f.out, "--progress", "none", "--sketchtool", fakeSketchtoolPath()},
                    {{"TMPDIR", f.tmp}, {"PLEXA_FAKE_SKETCHTOOL_SLEEP_MS", "20000"}, {"PLEXA_FAKE_SKETCHTOOL_LOG", log}},
@@ -100,7 +93,7 @@ TEST(CliSignals, EachEndingSignalExitsWithItsNumberAndLeavesNothing) {
 
 TEST(CliSignals, AnExistingFolderIsEmptiedNotRemoved) {
   Folders f;
-  std::string sample = makeSample(f.dir);
+  std::string sample = makeSample(f.dir.path());
   PXFileManager::createDirectory(f.out, true);
   std::string log = f.dir / "tool.log";
   CliProcess run({sample, "-o", f.out, "--progress", "none", "--sketchtool", fakeSketchtoolPath()},

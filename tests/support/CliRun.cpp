@@ -3,6 +3,7 @@
 #include "Files.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <csignal>
 #include <cstdlib>
 #include <thread>
@@ -124,5 +125,23 @@ std::vector<std::string> entriesOf(const std::string& folder) {
 }
 
 bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+std::string runCliShell(const std::string& arguments, const std::string& environment) {
+  std::string command = environment + " '" + cliPath() + "' " + arguments + " 2>&1";
+  std::string output;
+  FILE* pipe = ::popen(command.c_str(), "r");
+  if (!pipe) return output;
+  char buffer[4096];
+  size_t n;
+  while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) output.append(buffer, n);
+  ::pclose(pipe);
+  return output;
+}
+
+std::string makeSample(const std::string& folder) {
+  std::string path = folder + "/Sample.sketch";
+  std::string command = std::string("'") + PLEXA_MAKE_SAMPLE_PATH + "' '" + path + "' >/dev/null";
+  return std::system(command.c_str()) == 0 ? path : std::string();
+}
 
 }  // namespace plexa::test

@@ -45,6 +45,13 @@ class CliProcess {
   std::string outputFile_;
 };
 
+// The same through the shell, for tests that write their command line as
+// one string; stdout and stderr together.
+std::string runCliShell(const std::string& arguments, const std::string& environment = "");
+
+// A fresh copy of the sample document in `folder`, made by its generator.
+std::string makeSample(const std::string& folder);
+
 // Entry names of a folder, sorted; empty when it does not exist.
 std::vector<std::string> entriesOf(const std::string& folder);
 bool contains(const std::string& text, const std::string& part);
