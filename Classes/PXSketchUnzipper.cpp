@@ -5,6 +5,7 @@
 #include "Json.h"
 #include "Log.h"
 #include "MainQueue.h"
+#include "Memory.h"
 #include "PathString.h"
 #include "PXSymbolDetacherV2.h"
 #include "Zip.h"
@@ -180,6 +181,7 @@ void PXSketchUnzipper::detachUsingV2(Completion completion) {
       self->currentV2Detacher_.reset();
     }
     v2.reset();
+    PXReleaseFreeMemory();
     PXMainQueue::shared().async([self, completion, result] {
       if (completion) completion(result, self->outputFolderPath);
     });

@@ -190,7 +190,7 @@ bool writeInside(const std::string& folder, const std::string& name, const std::
   if (name.empty() || relative.is_absolute()) return fail("the name is empty or absolute");
   for (const auto& part : relative)
     if (part == "..") return fail("the name leaves the output folder");
-  auto target = PXResolveInside(folder, (std::filesystem::path(folder) / relative).string());
+  auto target = PXResolveInside(folder, relative.string());
   if (!target) return fail("the name leaves the output folder");
   std::string parent = std::filesystem::path(*target).parent_path().string();
   if (!PXFileManager::createDirectory(parent, true)) return fail("cannot create the folder " + parent);

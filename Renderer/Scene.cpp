@@ -48,6 +48,69 @@ Rect ScenePage::contentBounds() const {
 
 namespace {
 
+Rect rectMappedBy(const Rect& rect, const cairo_matrix_t& m) {
+  double xs[4] = {rect.x, rect.x + rect.width, rect.x + rect.width, rect.x};
+  double ys[4] = {rect.y, rect.y, rect.y + rect.height, rect.y + rect.height};
+  double minX = INFINITY, minY = INFINITY, maxX = -INFINITY, maxY = -INFINITY;
+  for (int i = 0; i < 4; ++i) {
+    cairo_matrix_transform_point(&m, &xs[i], &ys[i]);
+    minX = std::min(minX, xs[i]), maxX = std::max(maxX, xs[i]);
+    minY = std::min(minY, ys[i]), maxY = std::max(maxY, ys[i]);
+  }
+  return {minX, minY, maxX - minX, maxY - minY};
+}
+
+double finiteOrZero(double value) { return std::isfinite(value) ? value : 0; }
+
+// Sketch counts a shadow as far as its blur radius reaches past the offset,
+// spread-grown shape (not the longer tail a Gaussian leaves).
+Rect withShadows(const Rect& bounds, const std::vector<Shadow>& shadows) {
+  Rect result = bounds;
+  for (const Shadow& shadow : shadows) {
+    double grow = std::max(finiteOrZero(shadow.spread), 0.0) + std::clamp(finiteOrZero(shadow.blurRadius), 0.0, 1e4);
+    result = result.unionWith({bounds.x + finiteOrZero(shadow.offsetX) - grow,
+                               bounds.y + finiteOrZero(shadow.offsetY) - grow, bounds.width + 2 * grow,
+                               bounds.height + 2 * grow});
+  }
+  return result;
+}
+
+bool isSane(const Rect& r) {
+  return std::isfinite(r.x) && std::isfinite(r.y) && std::isfinite(r.width) && std::isfinite(r.height) &&
+         r.width >= 0 && r.height >= 0;
+}
+
+// A layer's extent in its own coordinates as Sketch measures a page: its
+// frame (or outline) grown by borders and shadows, and for groups and symbol
+// masters their children's extents too. Artboards and symbol instances
+// count by their frames alone; a symbol master's content counts even past
+// its frame (Sketch's page previews are that much larger).
+Rect extentOf(const Node& node, int depth) {
+  Rect bounds{0, 0, node.placement.frame.width, node.placement.frame.height};
+  if (node.kind == NodeKind::Shape && !node.outline.isEmpty()) bounds = bounds.unionWith(node.outline.bounds());
+  if (node.kind == NodeKind::Artboard) return bounds;
+  if (node.isContainer() && !node.isSymbolInstance && depth < 200)
+    for (const auto& child : node.children)
+      if (child->isVisible && isSane(child->placement.frame))
+        bounds = bounds.unionWith(rectMappedBy(extentOf(*child, depth + 1), child->placement.matrix()));
+  return withShadows(styleBounds(node.style, bounds), node.style.shadows);
+}
+
+}  // namespace
+
+Rect ScenePage::drawnBounds() const {
+  Rect bounds;
+  for (const auto& layer : layers) {
+    if (!isSane(layer->placement.frame)) continue;
+    // A hidden layer still holds its place on the page by its frame.
+    bounds = bounds.unionWith(layer->isVisible ? rectMappedBy(extentOf(*layer, 0), layer->placement.matrix())
+                                               : layer->placement.boundsInParent());
+  }
+  return bounds;
+}
+
+namespace {
+
 bool search(const Node& node, const std::string& id, std::vector<const Node*>& chain) {
   if (node.id == id) return true;
   chain.push_back(&node);

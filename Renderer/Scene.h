@@ -69,6 +69,9 @@ struct Node {
   // Bitmap.
   SurfaceRef image;
 
+  // A symbol instance, detached into a group of its master's layers.
+  bool isSymbolInstance = false;
+
   // Artboards and symbol masters.
   bool hasBackgroundColor = false;
   bool includeBackgroundColorInExport = true;
@@ -88,6 +91,10 @@ struct ScenePage {
   std::vector<std::unique_ptr<Node>> layers;  // top-level, bottom-most first
   // Union of the top-level layers' frames.
   Rect contentBounds() const;
+  // What a render of the whole page covers, as Sketch bounds it: the
+  // top-level layers with their borders and shadows, artboards by their
+  // frames, symbol masters with content that reaches past their frames.
+  Rect drawnBounds() const;
 };
 
 // Where a node was found: its page, its chain of parents (outermost first)

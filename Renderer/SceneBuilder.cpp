@@ -111,6 +111,11 @@ void SceneBuilder::readBoard(const JsonValue& layer, Node& node) {
   if (auto color = parseColor(PXJsonFind(&layer, "backgroundColor"))) node.backgroundColor = *color;
 }
 
+// A detached instance is a group marked by the detacher.
+void SceneBuilder::readInstance(const JsonValue& layer, Node& node) {
+  node.isSymbolInstance = PXJsonBoolFor(&layer, "in_detachedSymbol").value_or(false);
+}
+
 void SceneBuilder::readChildren(const JsonValue& layer, Node& node) {
   const JsonArray* children = PXJsonArrayFor(&layer, "layers");
   if (!children) return;
@@ -192,6 +197,7 @@ std::unique_ptr<Node> SceneBuilder::buildLayer(const JsonValue& layer) {
       break;
     case NodeKind::Group:
       if (cls != "group") notes_.skipped(cls, "unknown layer class (children drawn as a group)");
+      readInstance(layer, *node);
       readChildren(layer, *node);
       break;
     case NodeKind::Shape:

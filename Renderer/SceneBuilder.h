@@ -38,6 +38,7 @@ class SceneBuilder {
  private:
   void readCommon(const JsonValue& layer, Node& node);
   void readBoard(const JsonValue& layer, Node& node);
+  void readInstance(const JsonValue& layer, Node& node);
   void readChildren(const JsonValue& layer, Node& node);
   Path shapeGroupOutline(const JsonValue& group, double width, double height, bool evenOdd, bool* isClosed);
 

@@ -269,7 +269,7 @@ void Exporter::exportPage(const std::string& pageID, const std::string& pageName
     error("no page with id " + pageID);
     return;
   }
-  Rect bounds = page->contentBounds();
+  Rect bounds = page->drawnBounds();
   if (!checkSize("page " + pageID, bounds, request_.scale)) return;
   writeImage(name, renderRegion(*page, bounds, request_.scale, notes_), request_.format);
 }

@@ -5,6 +5,7 @@
 #include "TextFonts.h"
 #include "TextLayout.h"
 
+#include <hb-ot.h>
 #include <hb.h>
 #include <pango/pangocairo.h>
 
@@ -294,8 +295,8 @@ void addRunAttributes(PangoAttrList* list, const TextRun& run, guint start, guin
   insertAttribute(list, pango_attr_foreground_alpha_new(std::max<guint16>(1, channel16(run.color.a))), start, end);
   if (run.kerning != 0)
     insertAttribute(list, pango_attr_letter_spacing_new(static_cast<int>(run.kerning * PANGO_SCALE)), start, end);
-  if (run.underline) insertAttribute(list, pango_attr_underline_new(PANGO_UNDERLINE_SINGLE), start, end);
-  if (run.strikethrough) insertAttribute(list, pango_attr_strikethrough_new(TRUE), start, end);
+  // Underlines and strike-throughs are drawn as bars of their own (see
+  // decorationBars), where Macs put them.
   if (run.baselineOffset != 0)
     insertAttribute(list, pango_attr_rise_new(static_cast<int>(run.baselineOffset * PANGO_SCALE)), start, end);
 }
@@ -369,9 +370,16 @@ struct LineBox {
   double x = 0, baseline = 0;
 };
 
+// An underline or strike-through, in the coordinates of the line boxes.
+struct DecorationBar {
+  Rect rect;
+  Color color;
+};
+
 struct LaidOutText {
   std::vector<LayoutPtr> layouts;
   std::vector<LineBox> lines;
+  std::vector<DecorationBar> bars;
   double width = 0, height = 0;
 };
 
@@ -437,6 +445,65 @@ double alignedX(TextAlignment alignment, double boxWidth, double lineWidth) {
   }
 }
 
+struct DecorationMetrics {
+  double underlineTop = 0, underlineThickness = 0, strikeCenter = 0, strikeThickness = 0;  // points above baseline
+};
+
+// Underlines sit where the face says; strike-throughs cross the middle of
+// its lower-case letters, half the x-height up, as Macs draw them.
+DecorationMetrics decorationMetrics(PangoContext* context, const TextFace& face) {
+  DecorationMetrics result;
+  result.underlineTop = -0.1 * face.size;
+  result.underlineThickness = result.strikeThickness = 0.05 * face.size;
+  result.strikeCenter = 0.25 * face.size;
+  PangoFontDescription* description = pangoDescriptionForFace(face);
+  PangoFont* font = pango_context_load_font(context, description);
+  pango_font_description_free(description);
+  if (!font) return result;
+  if (PangoFontMetrics* metrics = pango_font_get_metrics(font, nullptr)) {
+    result.underlineTop = static_cast<double>(pango_font_metrics_get_underline_position(metrics)) / PANGO_SCALE;
+    result.underlineThickness = static_cast<double>(pango_font_metrics_get_underline_thickness(metrics)) / PANGO_SCALE;
+    result.strikeThickness = static_cast<double>(pango_font_metrics_get_strikethrough_thickness(metrics)) / PANGO_SCALE;
+    pango_font_metrics_unref(metrics);
+  }
+  hb_font_t* hbFont = pango_font_get_hb_font(font);
+  hb_position_t xHeight = 0;
+  int xScale = 0, yScale = 0;
+  hb_font_get_scale(hbFont, &xScale, &yScale);
+  hb_ot_metrics_get_position_with_fallback(hbFont, HB_OT_METRICS_TAG_X_HEIGHT, &xHeight);
+  if (yScale != 0 && xHeight > 0)
+    result.strikeCenter = static_cast<double>(xHeight) / yScale * face.size / 2;
+  g_object_unref(font);
+  return result;
+}
+
+void addDecorationBars(LaidOutText& text, PangoContext* context, PangoLayoutLine* line,
+                       const std::vector<RunSpan>& spans, double x, double baseline) {
+  const size_t lineStart = static_cast<size_t>(line->start_index);
+  const size_t lineEnd = lineStart + static_cast<size_t>(line->length);
+  for (const auto& span : spans) {
+    const TextRun& run = *span.run;
+    const size_t start = std::max(span.start, lineStart), end = std::min(span.end, lineEnd);
+    if ((!run.underline && !run.strikethrough) || start >= end) continue;
+    const DecorationMetrics metrics = decorationMetrics(context, run.font);
+    int* ranges = nullptr;
+    int count = 0;
+    pango_layout_line_get_x_ranges(line, static_cast<int>(start), static_cast<int>(end), &ranges, &count);
+    const double runBaseline = baseline - run.baselineOffset;
+    for (int i = 0; i < count; ++i) {
+      const double left = x + static_cast<double>(ranges[2 * i]) / PANGO_SCALE;
+      const double width = static_cast<double>(ranges[2 * i + 1] - ranges[2 * i]) / PANGO_SCALE;
+      if (run.underline)
+        text.bars.push_back({{left, runBaseline - metrics.underlineTop, width, metrics.underlineThickness}, run.color});
+      if (run.strikethrough)
+        text.bars.push_back({{left, runBaseline - metrics.strikeCenter - metrics.strikeThickness / 2, width,
+                              metrics.strikeThickness},
+                             run.color});
+    }
+    g_free(ranges);
+  }
+}
+
 // Line boxes are the tallest default line height of the line's fonts,
 // clamped by the paragraph's minimum and maximum. The glyphs sit in the
 // middle of the box: half of the difference from the natural height goes
@@ -451,18 +518,24 @@ void layOutLines(LaidOutText& text, PangoContext* context, PangoLayout* layout, 
     const double pangoAscent = -static_cast<double>(logical.y) / PANGO_SCALE;
     const auto runs = runsOnLine(spans, static_cast<size_t>(line->start_index),
                                  static_cast<size_t>(line->start_index + line->length));
-    double natural = 0, ascent = 0;
+    const bool setHeight = paragraph.minimumLineHeight > 0 || paragraph.maximumLineHeight > 0;
+    double natural = 0, ascent = 0, gap = 0;
     for (const TextRun* run : runs) {
       natural = std::max(natural, defaultLineHeight(*run));
       ascent = std::max(ascent, hheaAscent(context, *run, pangoAscent));
+      if (setHeight) gap = std::max(gap, run->font.lineGapEm * run->font.size);
     }
     double height = natural;
     if (paragraph.minimumLineHeight > 0) height = std::max(height, paragraph.minimumLineHeight);
     if (paragraph.maximumLineHeight > 0) height = std::min(height, paragraph.maximumLineHeight);
     const double width = static_cast<double>(logical.width) / PANGO_SCALE + trailingKerning(runs);
     const double x = alignedX(paragraph.alignment, boxWidth, width) - static_cast<double>(logical.x) / PANGO_SCALE;
-    const double baseline = top + (height - natural) / 2 + ascent;
+    double baseline = top + (height - natural) / 2 + ascent;
+    // A line gap pushes the glyphs down, but (as Hiragino titles in tight
+    // line heights show) not past the bottom of the line box.
+    if (gap > 0) baseline = std::max(baseline, std::min(baseline + gap, top + height));
     text.lines.push_back({line, x, baseline});
+    addDecorationBars(text, context, line, spans, x, baseline);
     text.width = std::max(text.width, width);
     top += height;
   }
@@ -513,8 +586,8 @@ double snappedTop(cairo_t* cr, double x, double y) {
   return deviceY;
 }
 
-template <typename DrawLine>
-void forEachLine(cairo_t* cr, const TextBlock& block, const Rect& frame, bool snap, DrawLine draw) {
+template <typename DrawLine, typename DrawBar>
+void forEachLine(cairo_t* cr, const TextBlock& block, const Rect& frame, bool snap, DrawLine draw, DrawBar bar) {
   const LaidOutText text = layOut(block, frame);
   double dy = frame.y + verticalOffset(block, frame, text.height);
   if (snap) dy = snappedTop(cr, frame.x, dy);
@@ -522,6 +595,36 @@ void forEachLine(cairo_t* cr, const TextBlock& block, const Rect& frame, bool sn
     cairo_move_to(cr, frame.x + box.x, dy + box.baseline);
     draw(box.line);
   }
+  for (const auto& decoration : text.bars) {
+    const Rect& r = decoration.rect;
+    bar(Rect{frame.x + r.x, dy + r.y, r.width, r.height}, decoration.color);
+  }
+}
+
+// Macs draw decoration bars on whole device pixels, at least one thick;
+// only for unrotated boxes.
+Rect snappedBar(cairo_t* cr, Rect bar) {
+  cairo_matrix_t matrix;
+  cairo_get_matrix(cr, &matrix);
+  if (matrix.xy != 0 || matrix.yx != 0 || !(matrix.yy > 0)) return bar;
+  double x = bar.x, top = bar.y, bottom = bar.y + bar.height;
+  cairo_user_to_device(cr, &x, &top);
+  x = bar.x;
+  cairo_user_to_device(cr, &x, &bottom);
+  if (!std::isfinite(top) || !std::isfinite(bottom) || std::fabs(top) > 1e9 || std::fabs(bottom) > 1e9) return bar;
+  const double thickness = std::max(1.0, std::round(bottom - top));
+  top = std::round((top + bottom - thickness) / 2);
+  bottom = top + thickness;
+  x = bar.x;
+  cairo_device_to_user(cr, &x, &top);
+  x = bar.x;
+  cairo_device_to_user(cr, &x, &bottom);
+  return {bar.x, top, bar.width, bottom - top};
+}
+
+void appendBar(cairo_t* cr, const Rect& bar) {
+  cairo_new_sub_path(cr);
+  cairo_rectangle(cr, bar.x, bar.y, bar.width, bar.height);
 }
 
 }  // namespace
@@ -544,20 +647,31 @@ TextBlock buildTextBlock(const boost::json::value& textLayer, RenderNotes& notes
 
 void drawTextBlock(cairo_t* cr, const TextBlock& block, const Rect& frame) {
   cairo_save(cr);
-  forEachLine(cr, block, frame, true, [&](PangoLayoutLine* line) { pango_cairo_show_layout_line(cr, line); });
+  forEachLine(
+      cr, block, frame, true, [&](PangoLayoutLine* line) { pango_cairo_show_layout_line(cr, line); },
+      [&](const Rect& bar, const Color& color) {
+        cairo_new_path(cr);
+        appendBar(cr, snappedBar(cr, bar));
+        cairo_set_source_rgba(cr, color.r, color.g, color.b, color.a);
+        cairo_fill(cr);
+      });
   cairo_new_path(cr);
   cairo_restore(cr);
 }
 
 void appendTextPath(cairo_t* cr, const TextBlock& block, const Rect& frame) {
-  forEachLine(cr, block, frame, true, [&](PangoLayoutLine* line) { pango_cairo_layout_line_path(cr, line); });
+  forEachLine(
+      cr, block, frame, true, [&](PangoLayoutLine* line) { pango_cairo_layout_line_path(cr, line); },
+      [&](const Rect& bar, const Color&) { appendBar(cr, snappedBar(cr, bar)); });
 }
 
 Path textOutline(const TextBlock& block, const Rect& frame) {
   cairo_surface_t* surface = cairo_image_surface_create(CAIRO_FORMAT_A8, 1, 1);
   cairo_t* cr = cairo_create(surface);
   // Device pixels are the caller's to know: the outline keeps the box top.
-  forEachLine(cr, block, frame, false, [&](PangoLayoutLine* line) { pango_cairo_layout_line_path(cr, line); });
+  forEachLine(
+      cr, block, frame, false, [&](PangoLayoutLine* line) { pango_cairo_layout_line_path(cr, line); },
+      [&](const Rect& bar, const Color&) { appendBar(cr, bar); });
   cairo_path_t* flat = cairo_copy_path(cr);
   Path path;
   Point move;  // a move only counts when a segment follows it

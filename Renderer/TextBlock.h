@@ -40,14 +40,18 @@ struct TextFace {
   std::string postScriptName;  // installed face, e.g. "Roboto-Medium"
   std::string file;            // font file of the face
   int faceIndex = 0;
-  int weight = 80;  // fontconfig weight (80 regular, 200 bold)
-  int slant = 0;    // fontconfig slant (0 roman, 100 italic, 110 oblique)
+  // Fontconfig weight (80 regular, 200 bold) and slant (0 roman, 100 italic,
+  // 110 oblique): the face's own, or for a stand-in those the name asks for.
+  int weight = 80;
+  int slant = 0;
   int width = 100;  // fontconfig width (100 normal, 75 condensed)
   double size = 12;
   bool substituted = false;
-  // A missing face's own ascent and descent in ems, which place lines in
-  // place of the stand-in's; 0 when not known.
-  double ascentEm = 0, descentEm = 0;
+  // A missing face's own ascent, descent and line gap in ems, which place
+  // lines in place of the stand-in's; 0 when not known. The line gap is not
+  // part of the default line height, but where the paragraph sets a line
+  // height Sketch puts it above the glyphs.
+  double ascentEm = 0, descentEm = 0, lineGapEm = 0;
 };
 
 struct TextRun {

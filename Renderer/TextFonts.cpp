@@ -15,9 +15,12 @@ namespace plexa::render {
 
 namespace {
 
+constexpr const char* kCJKFallbackFamily = "Noto Sans CJK JP";
+
 struct FaceFields {
   std::string family, postScriptName, file;
   int index = 0, weight = FC_WEIGHT_REGULAR, slant = FC_SLANT_ROMAN, width = FC_WIDTH_NORMAL;
+  bool sameFace = false;  // a stand-in that is the named face under another name ("Play" for "Play-Regular")
 };
 
 std::string patternString(FcPattern* pattern, const char* object) {
@@ -129,17 +132,23 @@ std::string spacedWords(const std::string& family) {
 
 // macOS faces documents use often, installed families that look and
 // measure like them, and the missing face's own vertical metrics as Macs
-// read them (hhea ascender and descender in ems; 0 when not known), so that
-// lines keep Sketch's height and baseline whatever stands in.
+// read them (hhea ascender, descender and line gap in ems; 0 when not
+// known), so that lines keep Sketch's height and baseline whatever stands in.
 struct LookAlike {
   const char* prefix;  // lower-case family prefix without spaces
   std::vector<std::string> families;
-  double ascent = 0, descent = 0;
+  double ascent = 0, descent = 0, lineGap = 0;
 };
 
 const std::vector<LookAlike>& lookAlikes() {
   static const std::vector<LookAlike> table = {
       {"sfmono", {"DejaVu Sans Mono", "monospace"}, 0.952, 0.241},
+      // Measured against Sketch's exports: Open Sans is closest to SF's text
+      // cut, Lato to its display cut.
+      {"sfprotext", {"Open Sans", "Roboto"}, 0.952, 0.241},
+      {"sfuitext", {"Open Sans", "Roboto"}, 0.952, 0.241},
+      {"sfprodisplay", {"Lato", "Roboto"}, 0.952, 0.241},
+      {"sfuidisplay", {"Lato", "Roboto"}, 0.952, 0.241},
       {"sf", {"Roboto", "Open Sans"}, 0.952, 0.241},
       {"sanfrancisco", {"Roboto", "Open Sans"}, 0.952, 0.241},
       {"applesystemuifont", {"Roboto", "Open Sans"}, 0.952, 0.241},
@@ -150,12 +159,13 @@ const std::vector<LookAlike>& lookAlikes() {
       {"athelas", {"Roboto Slab", "DejaVu Serif", "serif"}, 0.857, 0.25},
       {"myriad", {"Open Sans", "Lato"}},
       {"lucidagrande", {"Open Sans", "DejaVu Sans"}, 0.967, 0.211},
-      // Hiragino's Latin and kana sit in a one-em line.
-      {"hiraginosans", {"Noto Sans CJK JP", "Droid Sans Fallback", "Roboto"}, 0.88, 0.12},
-      {"hirakaku", {"Noto Sans CJK JP", "Droid Sans Fallback", "Roboto"}, 0.88, 0.12},
-      {"hiramaru", {"Noto Sans CJK JP", "Droid Sans Fallback", "Roboto"}, 0.88, 0.12},
-      {"hiramin", {"Noto Serif CJK JP", "Noto Sans CJK JP", "serif"}, 0.88, 0.12},
-      {"hiragino", {"Noto Sans CJK JP", "Droid Sans Fallback", "Roboto"}, 0.88, 0.12},
+      // Hiragino's kana and kanji sit in a one-em line; its Latin is wide,
+      // and DejaVu Sans matches it best of the installed faces.
+      {"hiraginosans", {"DejaVu Sans", "Noto Sans CJK JP"}, 0.88, 0.12, 0.5},
+      {"hirakaku", {"DejaVu Sans", "Noto Sans CJK JP"}, 0.88, 0.12, 0.5},
+      {"hiramaru", {"DejaVu Sans", "Noto Sans CJK JP"}, 0.88, 0.12, 0.5},
+      {"hiramin", {"Noto Serif CJK JP", "Noto Sans CJK JP", "serif"}, 0.88, 0.12, 0.5},
+      {"hiragino", {"DejaVu Sans", "Noto Sans CJK JP"}, 0.88, 0.12, 0.5},
       {"pingfang", {"Noto Sans CJK SC", "Droid Sans Fallback", "Roboto"}},
       {"menlo", {"DejaVu Sans Mono", "monospace"}, 0.928, 0.236},
       {"monaco", {"DejaVu Sans Mono", "monospace"}},
@@ -182,6 +192,8 @@ const LookAlike* lookAlikeFor(const std::string& requestedName) {
 
 std::optional<FaceFields> matchFallback(const std::string& requestedName) {
   FcPattern* pattern = FcPatternCreate();
+  if (const char* x = getenv("FT_EXP"); x && familyKey(requestedName).starts_with(getenv("FT_EXP_P")))
+    FcPatternAddString(pattern, FC_FAMILY, reinterpret_cast<const FcChar8*>(x));
   for (const auto& family : fallbackFamiliesFor(requestedName))
     FcPatternAddString(pattern, FC_FAMILY, reinterpret_cast<const FcChar8*>(family.c_str()));
   const std::string style = splitName(requestedName).second;
@@ -195,6 +207,16 @@ std::optional<FaceFields> matchFallback(const std::string& requestedName) {
   if (match) {
     fields = fieldsOf(match);
     FcPatternDestroy(match);
+    std::string family = lowercased(fields->family);
+    family.erase(std::remove(family.begin(), family.end(), ' '), family.end());
+    fields->sameFace = family == familyKey(requestedName) &&
+                       fields->weight == weightFromStyle(style.empty() ? requestedName : style) &&
+                       fields->slant == slantFromStyle(style);
+    // Drawing asks for the weight and slant the name gives: each family in
+    // the description (the stand-in, the CJK fallback) then offers its
+    // nearest face, and faces a family lacks are synthesised.
+    fields->weight = weightFromStyle(style.empty() ? requestedName : style);
+    fields->slant = slantFromStyle(style);
   }
   FcPatternDestroy(pattern);
   return fields;
@@ -207,7 +229,10 @@ FaceFields faceFieldsFor(const std::string& requestedName, bool& substituted) {
       if (auto fields = installedFace(font->file, font->faceIndex)) return *fields;
     }
     substituted = true;
-    if (auto fields = matchFallback(requestedName)) return *fields;
+    if (auto fields = matchFallback(requestedName)) {
+      substituted = !fields->sameFace;
+      return *fields;
+    }
   }
   const PXFont system = PXSystemFontOfSize(12);
   if (auto fields = installedFace(system.file, system.faceIndex)) return *fields;
@@ -241,7 +266,11 @@ class FaceCache {
     face.width = fields.width;
     face.substituted = substituted;
     const LookAlike* alike = substituted ? lookAlikeFor(requestedName) : nullptr;
-    if (alike && alike->ascent > 0) face.ascentEm = alike->ascent, face.descentEm = alike->descent;
+    if (alike && alike->ascent > 0) {
+      face.ascentEm = alike->ascent;
+      face.descentEm = alike->descent;
+      face.lineGapEm = alike->lineGap;
+    }
     faces_.emplace(requestedName, face);
     return face;
   }
@@ -275,11 +304,16 @@ TextFace resolveTextFace(const std::string& requestedName, double size) {
 PangoFontDescription* pangoDescriptionForFace(const TextFace& face) {
   FcPattern* pattern = FcPatternCreate();
   FcPatternAddString(pattern, FC_FAMILY, reinterpret_cast<const FcChar8*>(face.family.c_str()));
+
   FcPatternAddInteger(pattern, FC_WEIGHT, face.weight);
   FcPatternAddInteger(pattern, FC_SLANT, face.slant);
   FcPatternAddInteger(pattern, FC_WIDTH, face.width);
   PangoFontDescription* description = pango_fc_font_description_from_pattern(pattern, FALSE);
   FcPatternDestroy(pattern);
+  // Characters the face lacks (Japanese in a Latin face) come from here
+  // rather than from whatever fontconfig ranks next.
+  if (face.family != kCJKFallbackFamily && face.family.find(',') == std::string::npos)
+    pango_font_description_set_family(description, (face.family + "," + kCJKFallbackFamily).c_str());
   pango_font_description_set_absolute_size(description, face.size * PANGO_SCALE);
   return description;
 }

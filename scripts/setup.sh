@@ -11,7 +11,7 @@ packages=(
   libpango1.0-dev libfontconfig-dev libsdbus-c++-dev libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libcairo2-dev libpolyclipping-dev libpng-dev libjpeg62-turbo-dev libdeflate-dev
-  dbus-daemon dbus fonts-roboto fonts-open-sans fonts-lato fonts-karla fonts-play fonts-roboto-slab fonts-noto-cjk
+  dbus-daemon dbus fonts-roboto fonts-open-sans fonts-lato fonts-karla fonts-play fonts-roboto-slab fonts-noto-cjk fonts-noto-cjk-extra
 )
 
 missing=()

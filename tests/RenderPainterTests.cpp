@@ -251,3 +251,15 @@ TEST(RenderImageWriter, NamesThatLeaveTheFolderAreRefused) {
   }
   EXPECT_FALSE(std::filesystem::exists(dir / "escape.png"));
 }
+
+TEST(RenderImageWriter, ARelativeOutputFolderIsNotRepeated) {
+  TempDir dir;
+  auto previous = std::filesystem::current_path();
+  std::filesystem::current_path(dir.path());
+  std::string error;
+  bool written = writeInside("out", "a.png", "x", &error);
+  std::filesystem::current_path(previous);
+  ASSERT_TRUE(written) << error;
+  EXPECT_TRUE(std::filesystem::exists(dir / "out/a.png"));
+  EXPECT_FALSE(std::filesystem::exists(dir / "out/out"));
+}

@@ -383,3 +383,51 @@ TEST(RenderSceneBuilder, DeepNestingIsCutInsteadOfExhaustingTheStack) {
   for (const Node* n = node.get(); !n->children.empty(); n = n->children[0].get()) ++depth;
   EXPECT_EQ(depth, kMaxLayerDepth);
 }
+
+// Page renders are bounded as Sketch bounds its page previews: borders and
+// shadows (to their blur radius) count, artboards and instances by their
+// frames, symbol masters with content past their frames.
+TEST(RenderScene, PageDrawnBoundsCountWhatIsDrawn) {
+  auto shadowed = [](JsonObject shape, double blur, double dx, double dy) {
+    shape["style"].as_object()["shadows"] = JsonArray{JsonObject{{"_class", "shadow"}, {"isEnabled", true},
+        {"blurRadius", blur}, {"offsetX", dx}, {"offsetY", dy}, {"spread", 0}, {"color", colorJSON(0, 0, 0)}}};
+    return shape;
+  };
+  auto bordered = [](JsonObject shape, double thickness, int position) {
+    shape["style"].as_object()["borders"] = JsonArray{JsonObject{{"_class", "border"}, {"isEnabled", true},
+        {"thickness", thickness}, {"position", position}, {"color", colorJSON(0, 0, 0)}}};
+    return shape;
+  };
+  auto master = [](JsonArray children) {
+    JsonObject m = artboard("M", "M", frame(0, 0, 100, 100), std::move(children));
+    m["_class"] = "symbolMaster";
+    return m;
+  };
+  auto instance = [](JsonArray children) {
+    JsonObject i = layer("group", "I", "I", frame(0, 0, 100, 100), std::move(children));
+    i["in_detachedSymbol"] = true;
+    return i;
+  };
+  JsonObject inside = filledRect("R", 0, 80, 100, 20, colorJSON(0, 0, 0));
+  struct Case {
+    const char* what;
+    JsonObject top;
+    Rect expected;
+  } cases[] = {
+      {"loose shape, shadow", shadowed(filledRect("S", 0, 0, 100, 100, colorJSON(0, 0, 0)), 10, 5, 0),
+       {-5, -10, 120, 120}},
+      {"loose shape, outside border", bordered(filledRect("S", 0, 0, 100, 100, colorJSON(0, 0, 0)), 4, 2),
+       {-4, -4, 108, 108}},
+      {"artboard: frame only", artboard("A", "A", frame(0, 0, 100, 100), JsonArray{shadowed(inside, 10, 0, 0)}),
+       {0, 0, 100, 100}},
+      {"symbol master: content too", master(JsonArray{shadowed(inside, 10, 0, 0)}), {-10, 0, 120, 110}},
+      {"instance: frame only", instance(JsonArray{shadowed(inside, 10, 0, 0)}), {0, 0, 100, 100}},
+  };
+  for (auto& c : cases) {
+    Builder b;
+    JsonObject other = filledRect("O", 0, 0, 10, 10, colorJSON(0, 0, 0));
+    ScenePage page = b.builder.buildPage(JsonValue(plexa::test::page("P", "Page", JsonArray{c.top, other})));
+    EXPECT_EQ(page.drawnBounds(), c.expected) << c.what;
+    EXPECT_EQ(page.contentBounds(), (Rect{0, 0, 100, 100})) << c.what;
+  }
+}

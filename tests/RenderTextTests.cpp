@@ -281,6 +281,57 @@ TEST(RenderTextReading, MissingFontsFallBackAndAreNotedOnce) {
   EXPECT_EQ(families.back(), "sans-serif");
 }
 
+TEST(RenderTextReading, MissingFacesStandInByFamilyWeightAndSlant) {
+  struct Case {
+    const char* requested;
+    const char* family;  // installed stand-in
+    int weight, slant;   // fontconfig values the name asks for
+    double ascentEm;     // the missing face's own ascent, 0 when unknown
+  };
+  const Case cases[] = {
+      {"HiraginoSans-W2", "DejaVu Sans", 50, 0, 0.88},
+      {"HiraginoSans-W3", "DejaVu Sans", 80, 0, 0.88},
+      {"HiraKakuProN-W3", "DejaVu Sans", 80, 0, 0.88},
+      {"HiraginoSans-W5", "DejaVu Sans", 100, 0, 0.88},
+      {"HiraginoSans-W6", "DejaVu Sans", 180, 0, 0.88},
+      {"HiraginoSans-W7", "DejaVu Sans", 200, 0, 0.88},
+      {"HiraginoSans-W9", "DejaVu Sans", 210, 0, 0.88},
+      {"SFProText-Semibold", "Open Sans", 180, 0, 0.952},
+      {"SFUIText-Semibold", "Open Sans", 180, 0, 0.952},
+      {"SFProText-RegularItalic", "Open Sans", 80, 100, 0.952},
+      {"SFProDisplay-Ultralight", "Lato", 40, 0, 0.952},
+      {"SFProDisplay-Thin", "Lato", 0, 0, 0.952},
+      {"SFProDisplay-Heavy", "Lato", 205, 0, 0.952},
+      {"SFProDisplay-Black", "Lato", 210, 0, 0.952},
+      {"AvenirNext-Medium", "Lato", 100, 0, 1.0},
+      {"AvenirNext-DemiBoldItalic", "Lato", 180, 100, 1.0},
+      {"Athelas-Bold", "Roboto Slab", 200, 0, 0.857},
+      {"Menlo-Italic", "DejaVu Sans Mono", 80, 100, 0.928},
+      {"Helvetica-LightOblique", "Roboto", 50, 110, 0},
+      {"NoSuchFont-Light", nullptr, 50, 0, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.requested);
+    const TextFace face = resolveTextFace(c.requested, 12);
+    EXPECT_TRUE(face.substituted);
+    EXPECT_FALSE(face.file.empty());
+    if (c.family) EXPECT_EQ(face.family, c.family);
+    EXPECT_EQ(face.weight, c.weight);
+    EXPECT_EQ(face.slant, c.slant);
+    EXPECT_DOUBLE_EQ(face.ascentEm, c.ascentEm);
+  }
+  // Installed faces keep their own weight and metrics.
+  const TextFace roboto = resolveTextFace("Roboto-Medium", 12);
+  EXPECT_FALSE(roboto.substituted);
+  EXPECT_EQ(roboto.postScriptName, "Roboto-Medium");
+  EXPECT_EQ(roboto.ascentEm, 0);
+  // A face installed under another name ("Play" for Play's regular) is no stand-in.
+  const TextFace play = resolveTextFace("Play-Regular", 12);
+  EXPECT_FALSE(play.substituted);
+  EXPECT_EQ(play.family, "Play");
+  EXPECT_TRUE(resolveTextFace("Play-Light", 12).substituted);
+}
+
 // MARK: - Layout
 
 TEST(RenderTextLayout, HorizontalAlignmentPlacesInk) {
@@ -403,4 +454,74 @@ TEST(RenderTextLayout, UnrotatedBoxesStartOnTheNextWholePixel) {
   // The outline has no device to snap to and keeps the box top.
   const double top = textOutline(block, {0, 0, 100, 50}).bounds().y;
   EXPECT_NEAR(textOutline(block, {0, 10.2, 100, 50}).bounds().y - top, 10.2, 0.01);  // Cairo keeps 1/256 px
+}
+
+TEST(RenderTextLayout, StandInsKeepTheMissingFacesLineBoxes) {
+  const TextBlock natural = build(listTextLayer({{"漢字", "HiraginoSans-W3", 20}}, 0));
+  EXPECT_NEAR(measureTextBlock(natural, {0, 0, 200, 100}).height, 20, 1e-9);  // Hiragino lines are one em
+  EXPECT_NEAR(measureTextBlock(build(listTextLayer({{"A\nB", "SFProText-Regular", 10}}, 0)), {0, 0, 200, 100}).height,
+              2 * 11.93, 1e-9);
+  const Ink plain = inkOf(natural, {0, 0, 200, 100});
+  ASSERT_TRUE(plain.any);
+  struct Case {
+    double lineHeight, shift;  // ink shift against the natural line
+  };
+  // With a set line height Sketch puts Hiragino's half-em line gap above the
+  // glyphs as well as half the extra leading, but keeps the baseline inside
+  // the line box.
+  const Case cases[] = {{40, (40 - 20) / 2 + 10}, {36, (36 - 20) / 2 + 10}, {24, 24 - 0.88 * 20}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.lineHeight);
+    const JsonObject fixed{{"paragraphStyle", paragraphStyle({{"minimumLineHeight", c.lineHeight},
+                                                              {"maximumLineHeight", c.lineHeight}})}};
+    const Ink shifted = inkOf(build(listTextLayer({{"漢字", "HiraginoSans-W3", 20, fixed}}, 0)), {0, 0, 200, 100});
+    ASSERT_TRUE(shifted.any);
+    EXPECT_NEAR(shifted.top - plain.top, c.shift, 1);
+  }
+}
+
+TEST(RenderTextLayout, JapaneseInALatinFaceDrawsFromTheCJKFace) {
+  // A box for a missing glyph would be a hollow rectangle of another size.
+  const Ink latin = inkOf(build(listTextLayer({{"漢", "Roboto-Regular", 40}}, 0)), {0, 0, 200, 100});
+  const Ink cjk = inkOf(build(listTextLayer({{"漢", "NotoSansCJKjp-Regular", 40}}, 0)), {0, 0, 200, 100});
+  ASSERT_TRUE(latin.any && cjk.any);
+  EXPECT_NEAR(latin.right - latin.left, cjk.right - cjk.left, 1);
+  EXPECT_NEAR(latin.bottom - latin.top, cjk.bottom - cjk.top, 1);
+}
+
+TEST(RenderTextLayout, LinesMayBreakBeforeSmallKana) {
+  struct Case {
+    const char* text;
+    double widestLine;  // in ems of the 20 pt face
+  };
+  // Five full-width characters fit the box; Sketch breaks before small kana
+  // and the prolonged sound mark, but never after an opening bracket.
+  const Case cases[] = {
+      {"あいうえおっかき", 5},
+      {"あいうえおーかき", 5},
+      {"あいうえおかきく", 5},
+      {"あいうえ「っかき", 4},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    const TextBlock block = build(listTextLayer({{c.text, "NotoSansCJKjp-Regular", 20}}, 1, 100, 100));
+    EXPECT_NEAR(measureTextBlock(block, {0, 0, 100, 100}).width, c.widestLine * 20, 0.5);
+  }
+}
+
+TEST(RenderTextLayout, StrikeThroughCrossesTheLowerCaseOnAWholePixel) {
+  const JsonObject struck{{"strikethroughStyle", 1}};
+  const JsonObject underlined{{"underlineStyle", 1}};
+  const Ink letters = inkOf(build(listTextLayer({{"xxxx", "Roboto-Regular", 20}}, 0)), {0, 0, 200, 100});
+  ASSERT_TRUE(letters.any);
+  // Only the bar: drawn alone over spaces, it must sit mid x-height and be
+  // whole pixels thick; an underline sits below the baseline.
+  const Ink strike = inkOf(build(listTextLayer({{"    ", "Roboto-Regular", 20, struck}}, 0)), {0, 0, 200, 100});
+  const Ink under = inkOf(build(listTextLayer({{"    ", "Roboto-Regular", 20, underlined}}, 0)), {0, 0, 200, 100});
+  ASSERT_TRUE(strike.any && under.any);
+  EXPECT_NEAR(strike.centerY(), letters.centerY(), 1);
+  EXPECT_GE(strike.bottom - strike.top, 1);
+  EXPECT_LE(strike.bottom - strike.top, 2);
+  EXPECT_GT(under.top, letters.bottom - 0.5);
+  EXPECT_GT(strike.right - strike.left, 10);
 }
