@@ -37,18 +37,6 @@ size_t maskChainEnd(const std::vector<std::unique_ptr<Node>>& layers, size_t mas
 
 }  // namespace
 
-Rect transformedBounds(const Rect& rect, const cairo_matrix_t& m) {
-  double xs[4] = {rect.x, rect.x + rect.width, rect.x + rect.width, rect.x};
-  double ys[4] = {rect.y, rect.y, rect.y + rect.height, rect.y + rect.height};
-  double minX = INFINITY, minY = INFINITY, maxX = -INFINITY, maxY = -INFINITY;
-  for (int i = 0; i < 4; ++i) {
-    cairo_matrix_transform_point(&m, &xs[i], &ys[i]);
-    minX = std::min(minX, xs[i]), maxX = std::max(maxX, xs[i]);
-    minY = std::min(minY, ys[i]), maxY = std::max(maxY, ys[i]);
-  }
-  return {minX, minY, maxX - minX, maxY - minY};
-}
-
 Rect drawnBounds(const Node& node) {
   Rect bounds = frameRect(node);
   if (node.kind == NodeKind::Shape && !node.outline.isEmpty()) bounds = bounds.unionWith(node.outline.bounds());

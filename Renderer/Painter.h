@@ -66,7 +66,4 @@ void paintBoardExport(cairo_t* cr, const Node& board, RenderNotes& notes);
 void paintLayerExport(cairo_t* cr, const NodeLocation& location, RenderNotes& notes);
 void paintRegionExport(cairo_t* cr, const ScenePage& page, RenderNotes& notes);
 
-// `rect` (in a layer's coordinates) mapped by `m`, as an axis-aligned box.
-Rect transformedBounds(const Rect& rect, const cairo_matrix_t& m);
-
 }  // namespace plexa::render

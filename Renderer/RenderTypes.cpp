@@ -16,6 +16,19 @@ Rect Rect::unionWith(const Rect& other) const {
   return {left, top, right - left, bottom - top};
 }
 
+Rect transformedBounds(const Rect& rect, const cairo_matrix_t& m) {
+  double xs[4] = {rect.x, rect.x + rect.width, rect.x + rect.width, rect.x};
+  double ys[4] = {rect.y, rect.y, rect.y + rect.height, rect.y + rect.height};
+  double inf = std::numeric_limits<double>::infinity();
+  double minX = inf, minY = inf, maxX = -inf, maxY = -inf;
+  for (int i = 0; i < 4; ++i) {
+    cairo_matrix_transform_point(&m, &xs[i], &ys[i]);
+    minX = std::min(minX, xs[i]), maxX = std::max(maxX, xs[i]);
+    minY = std::min(minY, ys[i]), maxY = std::max(maxY, ys[i]);
+  }
+  return {minX, minY, maxX - minX, maxY - minY};
+}
+
 Rect Path::bounds() const {
   double inf = std::numeric_limits<double>::infinity();
   double minX = inf, minY = inf, maxX = -inf, maxY = -inf;

@@ -33,6 +33,9 @@ struct Rect {
   Rect insetBy(double dx, double dy) const { return {x + dx, y + dy, width - 2 * dx, height - 2 * dy}; }
 };
 
+// The axis-aligned bounds of `rect` after the affine map `m`.
+Rect transformedBounds(const Rect& rect, const cairo_matrix_t& m);
+
 // A vector outline in a layer's own coordinates (points). Curves are cubic.
 class Path {
  public:

@@ -48,18 +48,6 @@ Rect ScenePage::contentBounds() const {
 
 namespace {
 
-Rect rectMappedBy(const Rect& rect, const cairo_matrix_t& m) {
-  double xs[4] = {rect.x, rect.x + rect.width, rect.x + rect.width, rect.x};
-  double ys[4] = {rect.y, rect.y, rect.y + rect.height, rect.y + rect.height};
-  double minX = INFINITY, minY = INFINITY, maxX = -INFINITY, maxY = -INFINITY;
-  for (int i = 0; i < 4; ++i) {
-    cairo_matrix_transform_point(&m, &xs[i], &ys[i]);
-    minX = std::min(minX, xs[i]), maxX = std::max(maxX, xs[i]);
-    minY = std::min(minY, ys[i]), maxY = std::max(maxY, ys[i]);
-  }
-  return {minX, minY, maxX - minX, maxY - minY};
-}
-
 double finiteOrZero(double value) { return std::isfinite(value) ? value : 0; }
 
 // Sketch counts a shadow as far as its blur radius reaches past the offset,
@@ -92,7 +80,7 @@ Rect extentOf(const Node& node, int depth) {
   if (node.isContainer() && !node.isSymbolInstance && depth < 200)
     for (const auto& child : node.children)
       if (child->isVisible && isSane(child->placement.frame))
-        bounds = bounds.unionWith(rectMappedBy(extentOf(*child, depth + 1), child->placement.matrix()));
+        bounds = bounds.unionWith(transformedBounds(extentOf(*child, depth + 1), child->placement.matrix()));
   return withShadows(styleBounds(node.style, bounds), node.style.shadows);
 }
 
@@ -103,7 +91,7 @@ Rect ScenePage::drawnBounds() const {
   for (const auto& layer : layers) {
     if (!isSane(layer->placement.frame)) continue;
     // A hidden layer still holds its place on the page by its frame.
-    bounds = bounds.unionWith(layer->isVisible ? rectMappedBy(extentOf(*layer, 0), layer->placement.matrix())
+    bounds = bounds.unionWith(layer->isVisible ? transformedBounds(extentOf(*layer, 0), layer->placement.matrix())
                                                : layer->placement.boundsInParent());
   }
   return bounds;

@@ -532,8 +532,9 @@ void layOutLines(LaidOutText& text, PangoContext* context, PangoLayout* layout, 
     const double x = alignedX(paragraph.alignment, boxWidth, width) - static_cast<double>(logical.x) / PANGO_SCALE;
     double baseline = top + (height - natural) / 2 + ascent;
     // A line gap pushes the glyphs down, but (as Hiragino titles in tight
-    // line heights show) not past the bottom of the line box.
-    if (gap > 0) baseline = std::max(baseline, std::min(baseline + gap, top + height));
+    // line heights show) the baseline stays within a third of a point of
+    // the bottom of the line box.
+    if (gap > 0) baseline = std::max(baseline, std::min(baseline + gap, top + height + 0.3));
     text.lines.push_back({line, x, baseline});
     addDecorationBars(text, context, line, spans, x, baseline);
     text.width = std::max(text.width, width);

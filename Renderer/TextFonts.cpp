@@ -154,7 +154,7 @@ const std::vector<LookAlike>& lookAlikes() {
       {"applesystemuifont", {"Roboto", "Open Sans"}, 0.952, 0.241},
       {"helvetica", {"Liberation Sans", "Arimo", "Roboto"}},
       {"arial", {"Liberation Sans", "Arimo", "Roboto"}},
-      {"avenir", {"Lato", "Open Sans"}, 1.0, 0.366},
+      {"avenir", {"Open Sans", "Lato"}, 1.0, 0.366},
       {"futura", {"Lato", "Open Sans"}},
       {"athelas", {"Roboto Slab", "DejaVu Serif", "serif"}, 0.857, 0.25},
       {"myriad", {"Open Sans", "Lato"}},

@@ -124,20 +124,6 @@ std::string nestedArrays(uint32_t depth, uint32_t lastRefersTo, uint32_t width =
   return out;
 }
 
-// The archive as XML text, to check the keys and classes a keyed
-// unarchiver looks for.
-std::string archiveXML(const std::string& archive) {
-  plist_t parsed = nullptr;
-  plist_from_bin(archive.data(), static_cast<uint32_t>(archive.size()), &parsed);
-  char* xml = nullptr;
-  uint32_t length = 0;
-  if (parsed) plist_to_xml(parsed, &xml, &length);
-  std::string text = xml ? std::string(xml, length) : "";
-  if (xml) plist_to_xml_free(xml);
-  plist_free(parsed);
-  return text;
-}
-
 size_t unitsInRuns(const PXAttributedString& string) {
   size_t covered = 0;
   for (const auto& run : string.runs()) covered += run.length;
@@ -303,7 +289,7 @@ TEST(KeyedArchiveRoundTrip, WritesTheFormSketchReads) {
   PXTextAttributes attributes = fontAttributes("Roboto-Regular", 14);
   attributes.foregroundColor = PXColor::rgb(0, 0.5, 1);
   attributes.foregroundColor->colorSpaceID = PXColorSpaceIDSRGB;
-  const std::string single = archiveXML(PXArchiveAttributedString(PXAttributedString("One run", attributes)).value());
+  const std::string single = test::plistXML(PXArchiveAttributedString(PXAttributedString("One run", attributes)).value());
   for (const char* expected : {"<string>NSKeyedArchiver</string>", "<string>$null</string>", "<key>$top</key>",
                                "<string>NSMutableAttributedString</string>", "<key>NSFontDescriptorAttributes</key>",
                                "<string>NSFontNameAttribute</string>", "<string>MSAttributedStringFontAttribute</string>",
@@ -314,7 +300,7 @@ TEST(KeyedArchiveRoundTrip, WritesTheFormSketchReads) {
   EXPECT_EQ(single.find("NSAttributeInfo"), std::string::npos);
   PXAttributedString two("Two runs", attributes);
   two.addAttributes(fontAttributes("Roboto-Bold", 14), {4, 4});
-  EXPECT_NE(archiveXML(PXArchiveAttributedString(two).value()).find("<key>NSAttributeInfo</key>"), std::string::npos);
+  EXPECT_NE(test::plistXML(PXArchiveAttributedString(two).value()).find("<key>NSAttributeInfo</key>"), std::string::npos);
 
   // An empty text archives and reads back as an empty string with no runs.
   const auto empty = PXUnarchiveAttributedString(PXArchiveAttributedString(PXAttributedString("")).value());
@@ -450,7 +436,7 @@ TEST(KeyedArchiveReplacingText, KeepsTheFirstRunAsArchivedEvenWhenOddlyLinked) {
   ASSERT_TRUE(PXUnarchiveAttributedString(archive).has_value());
   const auto replaced = PXArchiveReplacingAttributedStringText(archive, "new");
   ASSERT_TRUE(replaced.has_value());
-  const std::string xml = archiveXML(*replaced);
+  const std::string xml = test::plistXML(*replaced);
   for (const char* kept : {"XSelf", "XShared", "shared value", "new"}) EXPECT_NE(xml.find(kept), std::string::npos) << kept;
   for (const char* gone : {"NSKern", "old text"}) EXPECT_EQ(xml.find(gone), std::string::npos) << gone;
   const auto decoded = PXUnarchiveAttributedString(*replaced);

@@ -99,16 +99,7 @@ class HandArchive {
 // The archive of a text layer as XML, to see which keys it holds.
 std::string archiveXML(const JsonObject& textLayer) {
   auto base64 = PXValueForKeyPath(textLayer, "attributedString.archivedAttributedString._archive");
-  const std::string bytes = PXBase64Decode(base64 && base64->is_string() ? base64->get_string() : "").value_or("");
-  plist_t parsed = nullptr;
-  plist_from_bin(bytes.data(), static_cast<uint32_t>(bytes.size()), &parsed);
-  char* xml = nullptr;
-  uint32_t length = 0;
-  if (parsed) plist_to_xml(parsed, &xml, &length);
-  std::string text = xml ? std::string(xml, length) : "";
-  if (xml) plist_to_xml_free(xml);
-  plist_free(parsed);
-  return text;
+  return plistXML(PXBase64Decode(base64 && base64->is_string() ? base64->get_string() : "").value_or(""));
 }
 
 JsonObject master(const std::string& id, const std::string& symbolID, JsonObject f, JsonArray children) {

@@ -1,5 +1,7 @@
 #include "TestSupport.h"
 
+#include <plist/plist.h>
+
 #include "Files.h"
 #include "MainQueue.h"
 #include "PathString.h"
@@ -245,6 +247,18 @@ std::string writeButtonDocument(const std::string& path) {
   fixture.addPage(page("P1", "Page", JsonArray{artboard("A1", "Screen", frame(0, 0, 320, 480), JsonArray{instance})}));
   fixture.addPage(page("P2", "Symbols", JsonArray{master}));
   return fixture.writeSketch(path);
+}
+
+std::string plistXML(const std::string& binary) {
+  plist_t parsed = nullptr;
+  plist_from_bin(binary.data(), static_cast<uint32_t>(binary.size()), &parsed);
+  char* xml = nullptr;
+  uint32_t length = 0;
+  if (parsed) plist_to_xml(parsed, &xml, &length);
+  std::string text = xml ? std::string(xml, length) : "";
+  if (xml) plist_to_xml_free(xml);
+  plist_free(parsed);
+  return text;
 }
 
 std::vector<std::string> corpusDocuments() {

@@ -122,6 +122,10 @@ const JsonObject* findLayer(const JsonObject& node, const std::string& value, co
 // "SYM-1", a text "T1") that sits on a second page; returns the path.
 std::string writeButtonDocument(const std::string& path);
 
+// A binary property list (a keyed archive) as XML text, to check the keys
+// and classes it holds; "" when it does not parse.
+std::string plistXML(const std::string& binary);
+
 // The corpus of real documents, or empty when the folder is absent.
 std::vector<std::string> corpusDocuments();
 
