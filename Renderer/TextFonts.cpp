@@ -143,8 +143,8 @@ struct LookAlike {
 const std::vector<LookAlike>& lookAlikes() {
   static const std::vector<LookAlike> table = {
       {"sfmono", {"DejaVu Sans Mono", "monospace"}, 0.952, 0.241},
-      // Measured against Sketch's exports: Open Sans is closest to SF's text
-      // cut, Lato to its display cut.
+      // Chosen by measuring against Sketch's exports: Open Sans is closest to
+      // SF's text cut and to Avenir Next, Lato to SF's display cut.
       {"sfprotext", {"Open Sans", "Roboto"}, 0.952, 0.241},
       {"sfuitext", {"Open Sans", "Roboto"}, 0.952, 0.241},
       {"sfprodisplay", {"Lato", "Roboto"}, 0.952, 0.241},
@@ -156,7 +156,8 @@ const std::vector<LookAlike>& lookAlikes() {
       {"arial", {"Liberation Sans", "Arimo", "Roboto"}},
       {"avenir", {"Open Sans", "Lato"}, 1.0, 0.366},
       {"futura", {"Lato", "Open Sans"}},
-      {"athelas", {"Roboto Slab", "DejaVu Serif", "serif"}, 0.857, 0.25},
+      // Athelas is a serif, yet Sketch's exports of it match Lato best.
+      {"athelas", {"Lato", "Roboto Slab"}, 0.857, 0.25},
       {"myriad", {"Open Sans", "Lato"}},
       {"lucidagrande", {"Open Sans", "DejaVu Sans"}, 0.967, 0.211},
       // Hiragino's kana and kanji sit in a one-em line; its Latin is wide,
@@ -191,14 +192,14 @@ const LookAlike* lookAlikeFor(const std::string& requestedName) {
 }
 
 std::optional<FaceFields> matchFallback(const std::string& requestedName) {
+  const std::string style = splitName(requestedName).second;
+  const int weight = weightFromStyle(style.empty() ? requestedName : style);
+  const int slant = slantFromStyle(style);
   FcPattern* pattern = FcPatternCreate();
-  if (const char* x = getenv("FT_EXP"); x && familyKey(requestedName).starts_with(getenv("FT_EXP_P")))
-    FcPatternAddString(pattern, FC_FAMILY, reinterpret_cast<const FcChar8*>(x));
   for (const auto& family : fallbackFamiliesFor(requestedName))
     FcPatternAddString(pattern, FC_FAMILY, reinterpret_cast<const FcChar8*>(family.c_str()));
-  const std::string style = splitName(requestedName).second;
-  FcPatternAddInteger(pattern, FC_WEIGHT, weightFromStyle(style.empty() ? requestedName : style));
-  FcPatternAddInteger(pattern, FC_SLANT, slantFromStyle(style));
+  FcPatternAddInteger(pattern, FC_WEIGHT, weight);
+  FcPatternAddInteger(pattern, FC_SLANT, slant);
   FcConfigSubstitute(nullptr, pattern, FcMatchPattern);
   FcDefaultSubstitute(pattern);
   FcResult result = FcResultNoMatch;
@@ -207,16 +208,13 @@ std::optional<FaceFields> matchFallback(const std::string& requestedName) {
   if (match) {
     fields = fieldsOf(match);
     FcPatternDestroy(match);
-    std::string family = lowercased(fields->family);
-    family.erase(std::remove(family.begin(), family.end(), ' '), family.end());
-    fields->sameFace = family == familyKey(requestedName) &&
-                       fields->weight == weightFromStyle(style.empty() ? requestedName : style) &&
-                       fields->slant == slantFromStyle(style);
+    fields->sameFace = familyKey(fields->family) == familyKey(requestedName) && fields->weight == weight &&
+                       fields->slant == slant;
     // Drawing asks for the weight and slant the name gives: each family in
     // the description (the stand-in, the CJK fallback) then offers its
     // nearest face, and faces a family lacks are synthesised.
-    fields->weight = weightFromStyle(style.empty() ? requestedName : style);
-    fields->slant = slantFromStyle(style);
+    fields->weight = weight;
+    fields->slant = slant;
   }
   FcPatternDestroy(pattern);
   return fields;
