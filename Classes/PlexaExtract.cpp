@@ -303,7 +303,7 @@ void PlexaExtract::finish(const std::shared_ptr<Run>& run) {
   std::string error;
   auto names = PXFileManager::contentsOfDirectory(outputFolderPath, &error);
   std::optional<PXError> listingError;
-  if (!names) listingError = PXError{"NSCocoaErrorDomain", 260, error};
+  if (!names) listingError = PXError{"NSCocoaErrorDomain", 260, error, ""};
   run->completionHandler(names.value_or(std::vector<std::string>{}), listingError);
 }
 
@@ -336,7 +336,7 @@ void PlexaExtract::setAsyncSymbolDetachment(bool async) {
 }
 
 PXError PlexaExtract::noDetachedFileError() {
-  return PXError{"NSURLErrorDomain", -1100, "The Sketch file could not be unzipped."};
+  return PXError{"NSURLErrorDomain", -1100, "The Sketch file could not be unzipped.", ""};
 }
 
 }  // namespace plexa
