@@ -965,14 +965,16 @@ std::optional<std::string> PXArchiveReplacingAttributedStringText(std::string_vi
         oldText->empty() ? std::nullopt : firstCharacterAttributes(unarchiver, root);
 
     Archiver archiver;
-    plist_t node = archiver.object({"NSMutableAttributedString", "NSAttributedString", "NSObject"});
+    // Owned here until the archiver takes it: an import that throws must not leak it.
+    std::unique_ptr<void, decltype(&plist_free)> node(
+        archiver.object({"NSMutableAttributedString", "NSAttributedString", "NSObject"}), plist_free);
     const std::string newText = archivableText(text);
-    plist_dict_set_item(node, "NSString", plist_new_uid(archiver.add(plist_new_string(newText.c_str()))));
+    plist_dict_set_item(node.get(), "NSString", plist_new_uid(archiver.add(plist_new_string(newText.c_str()))));
     if (attributes && !newText.empty()) {
       ObjectImporter importer(parsed.objects, archiver);
-      plist_dict_set_item(node, "NSAttributes", plist_new_uid(importer.import(*attributes)));
+      plist_dict_set_item(node.get(), "NSAttributes", plist_new_uid(importer.import(*attributes)));
     }
-    auto bytes = archiver.finish(archiver.add(node));
+    auto bytes = archiver.finish(archiver.add(node.release()));
     if (!bytes) PXLogError("Could not archive attributed string: the property list writer failed");
     return bytes;
   } catch (const DecodeError& error) {
