@@ -227,26 +227,6 @@ TEST(StyleColors, PointStrings) {
   }
 }
 
-TEST(StyleReading, FillsKeepEnabledOnesInOrderWithTheirSettings) {
-  JsonObject disabled = colorFill(colorJSON(0, 0, 1));
-  disabled["isEnabled"] = false;
-  JsonObject gradient = gradientFill(1, "{0.5, 0.5}", "{1, 0.5}",
-                                     {stopJSON(1, colorJSON(1, 1, 1)), stopJSON(0.2, colorJSON(0, 0, 0))}, 0.5);
-  Style style = build(styleWith({colorFill(colorJSON(1, 0, 0), 0.5, 2), disabled, gradient}));
-  ASSERT_EQ(style.fills.size(), 2u);
-  EXPECT_EQ(style.fills[0].kind, PaintKind::Color);
-  EXPECT_EQ(style.fills[0].color, (Color{1, 0, 0, 1}));
-  EXPECT_EQ(style.fills[0].opacity, 0.5);
-  EXPECT_EQ(style.fills[0].blendMode, BlendMode::Multiply);
-  const Gradient& g = style.fills[1].gradient;
-  EXPECT_EQ(g.kind, GradientKind::Radial);
-  EXPECT_EQ(g.from, (Point{0.5, 0.5}));
-  EXPECT_EQ(g.to, (Point{1, 0.5}));
-  EXPECT_EQ(g.ellipseLength, 0.5);
-  ASSERT_EQ(g.stops.size(), 2u);
-  EXPECT_EQ(g.stops[0].position, 0.2) << "stops are sorted by position";
-}
-
 TEST(StyleReading, WhatCannotBeDrawnIsDroppedAndNotedOnce) {
   LogCapture log;
   JsonObject noise{{"isEnabled", true}, {"fillType", 5}, {"noiseIntensity", 0.3}};
@@ -287,54 +267,6 @@ TEST(StyleReading, BordersAndTheirOptions) {
 
   Style allZero = build(styleWith({}, {}, {{"borderOptions", {{"dashPattern", {0, 0}}}}}));
   EXPECT_TRUE(allZero.borderOptions.dashPattern.empty()) << "an all-zero dash list would break Cairo";
-}
-
-TEST(StyleReading, ArrowHeadsFromNewAndOldKeys) {
-  struct Case {
-    JsonObject keys;
-    Marker start, end;
-  };
-  std::vector<Case> cases = {
-      {{{"startMarkerType", 2}, {"endMarkerType", 7}}, Marker::FilledArrow, Marker::FilledSquare},
-      {{{"startDecorationType", 1}, {"endDecorationType", 3}}, Marker::OpenArrow, Marker::Line},
-      {{{"startDecorationType", 2}, {"endMarkerType", 5}}, Marker::FilledArrow, Marker::FilledCircle},
-      {{{"startMarkerType", 42}, {"endMarkerType", "4"}}, Marker::None, Marker::OpenCircle},
-  };
-  for (const auto& c : cases) {
-    Style style = build(styleWith({}, {}, c.keys));
-    EXPECT_EQ(style.startMarker, c.start) << boost::json::serialize(c.keys);
-    EXPECT_EQ(style.endMarker, c.end) << boost::json::serialize(c.keys);
-  }
-}
-
-TEST(StyleReading, LayerSettingsShadowsAndBlur) {
-  JsonObject shadow{{"isEnabled", true}, {"color", colorJSON(0, 0, 0, 0.5)}, {"offsetX", 1}, {"offsetY", "2"},
-                    {"blurRadius", -4}, {"spread", 3}, {"contextSettings", {{"opacity", 0.5}, {"blendMode", 0}}}};
-  JsonObject off = shadow;
-  off["isEnabled"] = false;
-  JsonObject extra{{"contextSettings", {{"opacity", 0.25}, {"blendMode", 5}}},
-                   {"shadows", {shadow, off}},
-                   {"innerShadows", {shadow}},
-                   {"windingRule", 1},
-                   {"blur", {{"isEnabled", true}, {"type", 1}, {"radius", 8}, {"motionAngle", 30},
-                             {"center", "{0.25, 0.75}"}}}};
-  Style style = build(styleWith({}, {}, extra));
-  EXPECT_EQ(style.opacity, 0.25);
-  EXPECT_EQ(style.blendMode, BlendMode::Screen);
-  ASSERT_EQ(style.shadows.size(), 1u);
-  EXPECT_EQ(style.innerShadows.size(), 1u);
-  EXPECT_EQ(style.shadows[0].color.a, 0.25) << "the shadow's own opacity folds into its colour";
-  EXPECT_EQ(style.shadows[0].offsetY, 2);
-  EXPECT_EQ(style.shadows[0].blurRadius, 0);
-  EXPECT_EQ(style.shadows[0].spread, 3);
-  EXPECT_EQ(style.evenOdd, true);
-  ASSERT_TRUE(style.blur);
-  EXPECT_EQ(style.blur->kind, BlurKind::Motion);
-  EXPECT_EQ(style.blur->radius, 8);
-  EXPECT_EQ(style.blur->center, (Point{0.25, 0.75}));
-
-  JsonObject disabledBlur{{"blur", {{"isEnabled", false}, {"radius", 8}}}};
-  EXPECT_FALSE(build(styleWith({}, {}, disabledBlur)).blur);
 }
 
 TEST(StyleReading, MalformedStylesGiveDefaults) {
