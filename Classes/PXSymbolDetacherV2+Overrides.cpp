@@ -142,6 +142,49 @@ void PXSymbolDetacherV2::updateNode(JsonObject& node, const JsonObject& override
     if (auto it = overrides.find(*id); it != overrides.end()) overrideNode(node, it->value());
 }
 
+// What copying `source` and then updateNode on the copy would give, in one
+// pass: each layer is copied, resized, filled with its copied children and
+// then overridden, in updateNode's order. `node` is an empty object of the
+// destination's storage.
+void PXSymbolDetacherV2::copyUpdatedNode(const JsonObject& source, JsonObject& node, const JsonObject& overrides,
+                                         const JsonObject& parent, double ratioWidth, double ratioHeight) {
+  if (++copiedLayers_ > maxCopiedLayers) refuse(copiedLayers_);
+  const boost::json::storage_ptr& storage = node.storage();
+  const JsonArray* sourceLayers = nullptr;
+  // Room for the keys the walk adds later ("in_original_objectID", and
+  // "in_detachedSymbol" on groups): a table that grows in an arena leaves
+  // its old self behind.
+  node.reserve(source.size() + 2);
+  for (const auto& kv : source) {
+    if (kv.key() == "layers" && kv.value().is_array()) {
+      sourceLayers = &kv.value().get_array();
+      node.emplace(kv.key(), JsonArray(storage));
+    } else {
+      node.emplace(kv.key(), JsonValue(kv.value(), storage));
+    }
+  }
+  const unsigned mask = resizingMask(node);
+  const double ownWidthRatio = stretchNode(node, parent, false, mask, ratioWidth);
+  const double ownHeightRatio = stretchNode(node, parent, true, mask, ratioHeight);
+
+  if (sourceLayers) {
+    auto& layers = node.find("layers")->value().get_array();
+    layers.reserve(sourceLayers->size());
+    for (const auto& child : *sourceLayers) {
+      if (!child.is_object()) {
+        layers.emplace_back(child);
+        continue;
+      }
+      auto& copy = layers.emplace_back(JsonObject(storage)).get_object();
+      copyUpdatedNode(child.get_object(), copy, overrides, node, ownWidthRatio, ownHeightRatio);
+    }
+  }
+
+  if (overrides.empty()) return;
+  if (auto id = PXJsonText(member(node, "do_objectID")))
+    if (auto it = overrides.find(*id); it != overrides.end()) overrideNode(node, it->value());
+}
+
 double PXSymbolDetacherV2::stretchNode(JsonObject& node, const JsonObject& parent, bool vertical,
                                        unsigned resizing, double ratio) {
   if (ratio == 1.0) return 1.0;

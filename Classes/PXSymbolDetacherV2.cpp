@@ -6,6 +6,7 @@
 #include "PathString.h"
 #include "Zip.h"
 
+#include <boost/json/monotonic_resource.hpp>
 #include <boost/uuid/name_generator_sha1.hpp>
 #include <boost/uuid/random_generator.hpp>
 #include <boost/uuid/uuid_hash.hpp>
@@ -15,6 +16,7 @@
 #include <cctype>
 #include <cmath>
 #include <limits>
+#include <stdexcept>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -112,6 +114,38 @@ void PXSymbolDetacherV2::setDetachingArtboardIds(std::set<std::string> artboardI
 
 void PXSymbolDetacherV2::cancel() { cancelled_ = true; }
 
+// ---- The masters' map
+
+const JsonObject& PXSymbolDetacherV2::SymbolMap::at(std::string_view symbolID) const {
+  if (const auto* master = find(symbolID)) return *master;
+  throw std::out_of_range("no symbol master " + std::string(symbolID));
+}
+
+const JsonObject* PXSymbolDetacherV2::SymbolMap::find(std::string_view symbolID) const {
+  auto it = masters_.find(symbolID);
+  return it == masters_.end() ? nullptr : it->second;
+}
+
+void PXSymbolDetacherV2::SymbolMap::refer(const std::string& symbolID, const JsonObject& master) {
+  if (auto old = masters_.find(symbolID); old != masters_.end()) lyingAt_.erase(old->second);
+  masters_.insert_or_assign(symbolID, &master);
+  lyingAt_.insert_or_assign(&master, symbolID);
+}
+
+void PXSymbolDetacherV2::SymbolMap::insert_or_assign(const std::string& symbolID, JsonObject master) {
+  if (auto old = masters_.find(symbolID); old != masters_.end()) lyingAt_.erase(old->second);
+  owned_.push_back(std::move(master));
+  masters_.insert_or_assign(symbolID, &owned_.back());
+}
+
+void PXSymbolDetacherV2::SymbolMap::keepCopyOf(const JsonObject& node, const boost::json::storage_ptr& storage) {
+  auto lying = lyingAt_.find(&node);
+  if (lying == lyingAt_.end()) return;
+  owned_.emplace_back(node, storage);
+  masters_.insert_or_assign(lying->second, &owned_.back());
+  lyingAt_.erase(lying);
+}
+
 // ---- Loading
 
 std::optional<std::string> PXSymbolDetacherV2::pagePathForRef(std::string_view ref) const {
@@ -156,13 +190,14 @@ bool PXSymbolDetacherV2::loadDocument(const Progress& progress) {
     if (!ref) continue;
     if (auto path = pagePathForRef(*ref)) pending.push_back(Pending{i, std::move(*path), std::nullopt, {}, false});
   }
+  // Each page parses into an arena of its own: the tree takes less memory
+  // and is freed at once, and the detached copies later go into it too.
   PXParallelFor(pending.size(), [&](std::size_t k) {
     auto& page = pending[k];
     try {
-      auto text = PXFileManager::readFile(page.path);
-      if (!text) return;
-      page.read = true;
-      page.parsed = PXJsonParse(*text, &page.error);
+      bool missing = false;
+      page.parsed = PXJsonParseFileIntoArena(page.path, &page.error, &missing);
+      page.read = !missing;
     } catch (const std::exception& e) {
       page.read = true;
       page.error = e.what();
@@ -193,6 +228,8 @@ bool PXSymbolDetacherV2::loadDocument(const Progress& progress) {
 
 void PXSymbolDetacherV2::findSymbols(const Progress& progress) {
   if (!document) loadDocument();
+  // Copies the walk keeps of masters share one arena, released with them.
+  symbolStorage_ = boost::json::make_shared_resource<boost::json::monotonic_resource>();
   SymbolMap found;
   if (document) {
     if (const auto* foreign = member(*document, "foreignSymbols"); foreign && foreign->is_array()) {
@@ -216,7 +253,7 @@ void PXSymbolDetacherV2::findSymbolsInNode(const JsonObject& node, SymbolMap& fo
   const auto* symbolID = member(node, "symbolID");
   const std::string cls = textOf(node, "_class");
   if (symbolID && symbolID->is_string() && cls == "symbolMaster")
-    found.insert_or_assign(std::string(symbolID->get_string()), deepCopyDictionary(node));
+    found.refer(std::string(symbolID->get_string()), node);
   if (cls == "artboard") return;
   if (const auto* layers = childLayers(node))
     for (const auto& child : *layers)
@@ -241,12 +278,151 @@ void PXSymbolDetacherV2::detachSymbols(const Progress& progress) {
   for (std::size_t i = 0; i < pages.size() && copies <= maxCopiedLayers; ++i)
     copies = saturatingAdd(copies, copiesBelow(pages[i].json.get_object()));
   if (copies > maxCopiedLayers) refuse(copies);
+  // Everything but the masters first, copying them as they lie; then the
+  // masters, each once nothing is left to copy it.
+  std::vector<JsonObject*> masters = mastersOnPages();
+  mastersInOrder_ = !masters.empty();
+  outermost_.clear();
   for (std::size_t i = 0; i < pages.size() && !failureReason; ++i) {
     std::vector<std::string> detachedSymbols;
     detachSymbolsForNode(pages[i].json.get_object(), detachedSymbols);
     report(progress, i, total);
   }
+  if (mastersInOrder_) {
+    detachMastersInOrder(std::move(masters));
+    // Overrides match the copied layers' original identifiers, so they are
+    // renewed once every copy is complete, in the order of the pages.
+    if (!isCancelled())
+      for (auto& page : pages) renewIdentifiersBelow(page.json.get_object());
+    mastersInOrder_ = false;
+    outermost_.clear();
+  }
   report(progress, total, total);
+}
+
+namespace {
+
+// Visits every string inside `value`.
+template <typename Visit>
+void forEachString(const JsonValue& value, const Visit& visit) {
+  if (const auto* text = value.if_string()) visit(std::string_view(*text));
+  if (const auto* o = value.if_object())
+    for (const auto& kv : *o) forEachString(kv.value(), visit);
+  if (const auto* a = value.if_array())
+    for (const auto& e : *a) forEachString(e, visit);
+}
+
+}  // namespace
+
+std::vector<JsonObject*> PXSymbolDetacherV2::mastersOnPages() {
+  std::vector<JsonObject*> found;
+  if (!symbols || symbols->empty()) return found;
+  bool insideInstance = false;
+  // As findSymbolsInNode looks: not into artboards.
+  auto visit = [&](auto& self, JsonObject& node, bool underInstance) -> void {
+    if (symbols->liesAt(node)) {
+      found.push_back(&node);
+      insideInstance = insideInstance || underInstance;
+    }
+    const std::string cls = textOf(node, "_class");
+    if (cls == "artboard") return;
+    if (auto* layers = childLayers(node))
+      for (auto& child : *layers)
+        if (child.is_object()) self(self, child.get_object(), underInstance || cls == "symbolInstance");
+  };
+  for (auto& page : pages) visit(visit, page.json.get_object(), false);
+  if (insideInstance) found.clear();
+  return found;
+}
+
+std::unordered_set<const JsonObject*> PXSymbolDetacherV2::mastersUsedBy(
+    const JsonObject& master, const std::unordered_set<const JsonObject*>& onPages) const {
+  std::unordered_set<const JsonObject*> used;
+  // Masters that are not on the pages (foreign ones) are never walked, but
+  // their copies copy what they use in turn.
+  std::unordered_set<const JsonObject*> throughCopies{&master};
+  std::function<void(const JsonObject&)> visit;
+  auto use = [&](std::string_view symbolID) {
+    const auto* m = symbols->find(symbolID);
+    if (!m) return;
+    if (onPages.contains(m)) used.insert(m);
+    else if (throughCopies.insert(m).second) visit(*m);
+  };
+  // Instances, their swaps (any string of an override may be one) and
+  // masters held inside.
+  visit = [&](const JsonObject& node) {
+    if (&node != &master) {
+      if (onPages.contains(&node)) used.insert(&node);
+      if (const auto* id = member(node, "symbolID"); id && id->is_string()) use(id->get_string());
+    }
+    if (const auto* values = member(node, "overrideValues"); values && values->is_array())
+      for (const auto& entry : values->get_array())
+        if (const auto* value = PXJsonFind(&entry, "value")) forEachString(*value, use);
+    if (const auto* overrides = member(node, "overrides")) forEachString(*overrides, use);
+    if (const auto* layers = childLayers(node))
+      for (const auto& child : *layers)
+        if (child.is_object()) visit(child.get_object());
+  };
+  visit(master);
+  return used;
+}
+
+void PXSymbolDetacherV2::detachMastersInOrder(std::vector<JsonObject*> masters) {
+  const std::size_t count = masters.size();
+  std::unordered_set<const JsonObject*> onPages(masters.begin(), masters.end());
+  std::unordered_map<const JsonObject*, std::size_t> indexOf;
+  for (std::size_t i = 0; i < count; ++i) indexOf.emplace(masters[i], i);
+  // uses[i]: the masters that copies of master i copy; waitingUsers[j]: the
+  // masters not yet walked that copy master j.
+  std::vector<std::vector<std::size_t>> uses(count);
+  std::vector<std::size_t> waitingUsers(count, 0);
+  for (std::size_t i = 0; i < count; ++i)
+    for (const JsonObject* used : mastersUsedBy(*masters[i], onPages)) {
+      const std::size_t j = indexOf.at(used);
+      uses[i].push_back(j);
+      ++waitingUsers[j];
+    }
+  std::set<std::size_t> ready;
+  for (std::size_t i = 0; i < count; ++i)
+    if (waitingUsers[i] == 0) ready.insert(i);
+  // A master whose users have all been walked, each of them in turn after
+  // all of its own, is copied by nothing any more: it is walked in place.
+  // Once only cycles (and what they use) are left, every master left is
+  // kept as found before it is walked, in the pages' order.
+  std::vector<bool> walked(count, false);
+  std::size_t earliest = 0;
+  bool keepingAll = false;
+  for (std::size_t left = count; left > 0 && !stopped(); --left) {
+    std::size_t i;
+    if (!keepingAll && !ready.empty()) {
+      i = *ready.begin();
+      ready.erase(ready.begin());
+      symbols->letGo(*masters[i]);
+    } else {
+      keepingAll = true;
+      while (walked[earliest]) ++earliest;
+      i = earliest;
+      symbols->keepCopyOf(*masters[i], symbolStorage_);
+    }
+    walked[i] = true;
+    std::vector<std::string> detachedSymbols;
+    detachSymbolsForNode(*masters[i], detachedSymbols);
+    for (std::size_t j : uses[i])
+      if (--waitingUsers[j] == 0 && !walked[j]) ready.insert(j);
+  }
+}
+
+void PXSymbolDetacherV2::renewIdentifiersBelow(JsonObject& node) {
+  if (outermost_.contains(&node)) {
+    std::string path = textOf(node, "do_objectID");
+    if (auto* layers = childLayers(node))
+      for (auto& child : *layers)
+        if (child.is_object()) updateIdForNode(child.get_object(), path);
+    return;
+  }
+  if (auto* layers = childLayers(node))
+    for (auto& child : *layers)
+      if (child.is_object()) renewIdentifiersBelow(child.get_object());
 }
 
 // What the walk would copy below `node`, counted without copying. Exact
@@ -271,9 +447,7 @@ std::size_t PXSymbolDetacherV2::copiesBelow(const JsonObject& node) {
 
 std::size_t PXSymbolDetacherV2::expansionOf(const std::string& symbolID, std::vector<std::string>& symbolStack) {
   if (auto known = expansions_.find(symbolID); known != expansions_.end()) return known->second;
-  const JsonObject* master = nullptr;
-  if (symbols)
-    if (auto it = symbols->find(symbolID); it != symbols->end()) master = &it->second;
+  const JsonObject* master = symbols ? symbols->find(symbolID) : nullptr;
   if (!master) return 0;
   symbolStack.push_back(symbolID);
   std::size_t copies = 0;
@@ -321,6 +495,11 @@ bool PXSymbolDetacherV2::mayDetachMore(const JsonObject& instance, const std::st
 }
 
 void PXSymbolDetacherV2::detachSymbolsForNode(JsonObject& node, std::vector<std::string>& detachedSymbols) {
+  // A master others copy: walked on its own turn, or kept before it changes.
+  if (symbols && symbols->liesAt(node)) {
+    if (mastersInOrder_) return;
+    symbols->keepCopyOf(node, symbolStorage_);
+  }
   const std::string symbolID = textOf(node, "symbolID");
   const std::string cls = textOf(node, "_class");
 
@@ -330,9 +509,7 @@ void PXSymbolDetacherV2::detachSymbolsForNode(JsonObject& node, std::vector<std:
 
   bool detached = false;
   if (cls == "symbolInstance" && !symbolID.empty()) {
-    const JsonObject* master = nullptr;
-    if (symbols)
-      if (auto it = symbols->find(symbolID); it != symbols->end()) master = &it->second;
+    const JsonObject* master = symbols ? symbols->find(symbolID) : nullptr;
     if (!master) {
       PXLogVerbose("Not able to find symbol with id {}", symbolID);
     } else if (std::find(detachedSymbols.begin(), detachedSymbols.end(), symbolID) != detachedSymbols.end()) {
@@ -357,7 +534,9 @@ void PXSymbolDetacherV2::detachSymbolsForNode(JsonObject& node, std::vector<std:
   detachedSymbols.pop_back();
   // Overrides are matched by the identifiers the master's layers carry, so
   // they are renewed only once the outermost instance is complete.
-  if (detachedSymbols.empty()) {
+  if (detachedSymbols.empty() && mastersInOrder_) {
+    outermost_.insert(&node);
+  } else if (detachedSymbols.empty()) {
     std::string path = textOf(node, "do_objectID");
     if (auto* layers = childLayers(node))
       for (auto& child : *layers)
@@ -379,11 +558,21 @@ void PXSymbolDetacherV2::detachInstance(JsonObject& instance, const JsonObject& 
 
   // The master's keys in its order, the instance's values winning; only the
   // keys the instance lacks (notably "layers") are copied from the master.
-  JsonObject group;
+  // The master's layers are copied later, straight into their place, and
+  // resized and overridden on the way.
+  const boost::json::storage_ptr storage = instance.storage();
+  const JsonArray* masterLayers = nullptr;
+  JsonObject group(storage);
   group.reserve(symbol.size() + instance.size() + 2);
   for (const auto& kv : symbol) {
-    auto own = instance.find(kv.key());
-    group[kv.key()] = own != instance.end() ? std::move(own->value()) : JsonValue(kv.value());
+    if (auto own = instance.find(kv.key()); own != instance.end()) {
+      group.emplace(kv.key(), std::move(own->value()));
+    } else if (kv.key() == "layers" && kv.value().is_array()) {
+      masterLayers = &kv.value().get_array();
+      group.emplace(kv.key(), JsonArray(storage));
+    } else {
+      group.emplace(kv.key(), JsonValue(kv.value(), storage));
+    }
   }
   for (auto& kv : instance)
     if (!symbol.contains(kv.key())) group[kv.key()] = std::move(kv.value());
@@ -398,9 +587,22 @@ void PXSymbolDetacherV2::detachInstance(JsonObject& instance, const JsonObject& 
 
   const double ratioWidth = static_cast<double>(width) / static_cast<double>(masterWidth);
   const double ratioHeight = static_cast<double>(height) / static_cast<double>(masterHeight);
-  if (auto* layers = childLayers(instance))
+  auto* layers = childLayers(instance);
+  if (!layers) return;
+  if (!masterLayers) {  // the instance brought layers of its own
     for (auto& child : *layers)
       if (child.is_object()) updateNode(child.get_object(), overrides, instance, ratioWidth, ratioHeight);
+    return;
+  }
+  layers->reserve(masterLayers->size());
+  for (const auto& child : *masterLayers) {
+    if (!child.is_object()) {
+      layers->emplace_back(child);
+      continue;
+    }
+    auto& copy = layers->emplace_back(JsonObject(storage)).get_object();
+    copyUpdatedNode(child.get_object(), copy, overrides, instance, ratioWidth, ratioHeight);
+  }
 }
 
 // Stable identifiers are name-based UUIDs (version 5) of the layer's path of

@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -20,6 +21,8 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 namespace plexa {
@@ -28,8 +31,72 @@ class PXSymbolDetacherV2 {
  public:
   // (index, total) of the step in progress.
   using Progress = std::function<void(std::size_t index, std::size_t total)>;
-  // symbolID → the master as it was found on disk.
-  using SymbolMap = std::map<std::string, JsonObject>;
+  // symbolID → a master as found on disk. A master is read where it lies in
+  // the document, not copied: the walk copies it only when it is about to
+  // change it while something may still need the original.
+  class SymbolMap {
+   public:
+    class const_iterator {
+     public:
+      using Base = std::map<std::string, const JsonObject*, std::less<>>::const_iterator;
+      using value_type = std::pair<const std::string&, const JsonObject&>;
+      using reference = value_type;
+      using pointer = void;
+      using difference_type = std::ptrdiff_t;
+      using iterator_category = std::forward_iterator_tag;
+      const_iterator() = default;
+      explicit const_iterator(Base it) : it_(it) {}
+      value_type operator*() const { return {it_->first, *it_->second}; }
+      const_iterator& operator++() {
+        ++it_;
+        return *this;
+      }
+      const_iterator operator++(int) {
+        auto before = *this;
+        ++it_;
+        return before;
+      }
+      bool operator==(const const_iterator&) const = default;
+
+     private:
+      Base it_;
+    };
+
+    SymbolMap() = default;
+    SymbolMap(SymbolMap&&) = default;
+    SymbolMap& operator=(SymbolMap&&) = default;
+    SymbolMap(const SymbolMap&) = delete;
+    SymbolMap& operator=(const SymbolMap&) = delete;
+
+    bool empty() const { return masters_.empty(); }
+    std::size_t size() const { return masters_.size(); }
+    bool contains(std::string_view symbolID) const { return masters_.find(symbolID) != masters_.end(); }
+    // Throws std::out_of_range when absent.
+    const JsonObject& at(std::string_view symbolID) const;
+    // nullptr when absent.
+    const JsonObject* find(std::string_view symbolID) const;
+    const_iterator begin() const { return const_iterator(masters_.begin()); }
+    const_iterator end() const { return const_iterator(masters_.end()); }
+
+    // The master lying at `master`, which must stay where it is while the
+    // map reads it.
+    void refer(const std::string& symbolID, const JsonObject& master);
+    // A master of the map's own.
+    void insert_or_assign(const std::string& symbolID, JsonObject master);
+    // Whether a master of the map lies at `node` (and not a copy of it).
+    bool liesAt(const JsonObject& node) const { return lyingAt_.contains(&node); }
+    // The master lying at `node` is copied into `storage` and read from the
+    // copy from now on.
+    void keepCopyOf(const JsonObject& node, const boost::json::storage_ptr& storage);
+    // The master lying at `node` is read there from now on, even once the
+    // walk has changed it: nothing needs the original any more.
+    void letGo(const JsonObject& node) { lyingAt_.erase(&node); }
+
+   private:
+    std::map<std::string, const JsonObject*, std::less<>> masters_;
+    std::unordered_map<const JsonObject*, std::string> lyingAt_;
+    std::deque<JsonObject> owned_;
+  };
 
   struct Page {
     std::string url;  // the page file, inside the working folder
@@ -48,7 +115,10 @@ class PXSymbolDetacherV2 {
   std::optional<JsonObject> document;
   // The pages of the document, in the document's order.
   std::vector<Page> pages;
-  // Absent until findSymbols has run.
+  // Absent until findSymbols has run. While pages are detached one by one
+  // (detachSymbolsForNode) masters read as found on disk; after
+  // detachSymbols, a master that nothing needed any more reads as detached
+  // on its page.
   std::optional<SymbolMap> symbols;
   // Pages in memory differ from the files.
   bool isDirty = true;
@@ -82,6 +152,7 @@ class PXSymbolDetacherV2 {
 
   bool loadDocument(const Progress& progress = {});
   void findSymbols(const Progress& progress = {});
+  // Masters are referred to where they lie: `node` must outlive `found`.
   void findSymbolsInNode(const JsonObject& node, SymbolMap& found) const;
   void detachSymbols(const Progress& progress = {});
   void detachSymbolsForNode(JsonObject& node, std::vector<std::string>& detachedSymbols);
@@ -141,6 +212,8 @@ class PXSymbolDetacherV2 {
   // down to the node's parent (stable identifiers only).
   void updateIdForNode(JsonObject& node, std::string& path);
   std::string newIdentifier(const std::string& path);
+  void copyUpdatedNode(const JsonObject& source, JsonObject& node, const JsonObject& overrides,
+                       const JsonObject& parent, double ratioWidth, double ratioHeight);
   std::optional<std::string> pagePathForRef(std::string_view ref) const;
   bool mayDetachMore(const JsonObject& instance, const std::string& symbolID,
                      const std::vector<std::string>& detachedSymbols);
@@ -151,6 +224,17 @@ class PXSymbolDetacherV2 {
   std::size_t expansionOf(const std::string& symbolID, std::vector<std::string>& symbolStack);
   std::size_t expansionOfLayers(const JsonObject& node, std::vector<std::string>& symbolStack);
   void refuse(std::size_t copies);
+  // The masters lying on the pages, in the walk's order; empty when one lies
+  // inside an instance, where walking it on its own would differ.
+  std::vector<JsonObject*> mastersOnPages();
+  // Masters walked after every master that copies them, so that no master
+  // is copied before it changes unless symbols nest in a cycle.
+  void detachMastersInOrder(std::vector<JsonObject*> masters);
+  // Masters whose copies copy `master`: those its layers instantiate, swap
+  // in or hold.
+  std::unordered_set<const JsonObject*> mastersUsedBy(const JsonObject& master,
+                                                      const std::unordered_set<const JsonObject*>& onPages) const;
+  void renewIdentifiersBelow(JsonObject& node);
   bool stopped() const { return isCancelled() || failureReason.has_value(); }
 
   std::set<std::string> detachingArtboardIds_;
@@ -158,6 +242,11 @@ class PXSymbolDetacherV2 {
   std::unique_ptr<IdentifierSource> identifiers_;
   std::size_t copiedLayers_ = 0;
   std::map<std::string, std::size_t> expansions_;
+  boost::json::storage_ptr symbolStorage_;
+  // During detachSymbols: masters on pages are left for their own turn, and
+  // identifiers are renewed at the end below these outermost instances.
+  bool mastersInOrder_ = false;
+  std::unordered_set<const JsonObject*> outermost_;
   bool limitWarned_ = false;
 };
 

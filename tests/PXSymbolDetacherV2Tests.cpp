@@ -150,10 +150,14 @@ TEST(PXSymbolDetacherV2Masters, CollectsPageAndForeignMastersPageFirst) {
   EXPECT_EQ(d.searchForSymbolWithQuery(JsonObject{{"name", "page P"}}), &d.symbols->at("SYM-P"));
   EXPECT_EQ(d.searchForSymbolWithQuery(JsonObject{}), nullptr);
 
-  // Masters stay as found on disk while the page's copy is detached.
+  // Masters are read where they lie, not copied; one that nothing copies
+  // any more is detached in place and then reads as detached.
+  EXPECT_EQ(&d.symbols->at("SYM-P"), findLayer(pageJSON(d, "P1"), "M-P"));
   d.detachSymbols();
-  EXPECT_EQ(cls(findLayer(d.symbols->at("SYM-P"), "I-IN-P")), "symbolInstance");
+  EXPECT_EQ(&d.symbols->at("SYM-P"), findLayer(pageJSON(d, "P1"), "M-P"));
   EXPECT_EQ(cls(findLayer(pageJSON(d, "P1"), "I-IN-P")), "group");
+  EXPECT_EQ(d.symbols->at("SYM-F").at("name"), "foreign F");
+  EXPECT_THROW(d.symbols->at("SYM-NONE"), std::out_of_range);
 }
 
 // ---- The walk
@@ -616,3 +620,205 @@ TEST(PXSymbolDetacherV2Identifiers, StableIdentifiersRepeatAndStayUnique) {
   d.updateIdForNode(b);
   EXPECT_NE(a.at("do_objectID"), b.at("do_objectID")) << "a path met again is told apart";
 }
+
+// ---- The order of the walk
+
+namespace {
+
+struct OrderCase {
+  std::string name;
+  std::function<SketchFixture()> document;
+  std::set<std::string> artboards;
+  // Masters detachSymbols keeps a copy of, because something still copies
+  // them after their own turn.
+  size_t copiesKept;
+};
+
+void PrintTo(const OrderCase& c, std::ostream* os) { *os << c.name; }
+
+// Page by page, as a renderer detaches: every master is kept as found on
+// disk before its page changes it, which is the walk's plain meaning.
+std::string detachedText(const SketchFixture& fixture, const std::string& folder, const OrderCase& c, bool pageByPage,
+                         size_t* kept = nullptr);
+
+size_t copiesKept(const PXSymbolDetacherV2& d) {
+  size_t kept = 0;
+  for (const auto& [symbolID, master] : *d.symbols) {
+    const std::string id(master.at("do_objectID").as_string());
+    bool lies = false;
+    for (const auto& p : d.pages)
+      if (findLayer(p.json.get_object(), id) == &master) lies = true;
+    if (d.document)
+      if (const auto* entries = d.document->if_contains("foreignSymbols"); entries && entries->is_array())
+        for (const auto& entry : entries->as_array())
+          if (PXJsonObjectFor(&entry, "symbolMaster") == &master) lies = true;
+    if (!lies) ++kept;
+  }
+  return kept;
+}
+
+std::string detachedText(const SketchFixture& fixture, const std::string& folder, const OrderCase& c, bool pageByPage,
+                         size_t* kept) {
+  auto d = PXSymbolDetacherV2::detacherWithUrl(fixture.writeFolder(folder));
+  d->stableIdentifiers = true;
+  d->setDetachingArtboardIds(c.artboards);
+  EXPECT_TRUE(d->loadDocument());
+  d->findSymbols();
+  if (pageByPage) {
+    for (auto& p : d->pages) {
+      std::vector<std::string> chain;
+      d->detachSymbolsForNode(p.json.get_object(), chain);
+    }
+  } else {
+    d->detachSymbols();
+  }
+  if (kept) *kept = copiesKept(*d);
+  std::string text;
+  for (const auto& p : d->pages) text += compactJson(p.json);
+  return text;
+}
+
+JsonObject withOverride(JsonObject inst, const std::string& name, JsonValue value) {
+  inst["overrideValues"].as_array().push_back(JsonObject{{"overrideName", name}, {"value", std::move(value)}});
+  return inst;
+}
+
+JsonObject withLayers(JsonObject l, JsonArray layers) {
+  l["layers"] = std::move(layers);
+  return l;
+}
+
+SketchFixture mastersThenScreens(JsonArray masters, JsonArray screens, bool screensFirst = false) {
+  SketchFixture fixture;
+  if (screensFirst) fixture.addPage(page("SCREENS", "Screens", std::move(screens)));
+  fixture.addPage(page("SYMBOLS", "Symbols", std::move(masters)));
+  if (!screensFirst) fixture.addPage(page("SCREENS", "Screens", std::move(screens)));
+  return fixture;
+}
+
+const std::vector<OrderCase>& orderCases() {
+  static const std::vector<OrderCase> cases{
+      {"UsersBeforeTheMastersTheyCopy",
+       [] {
+         return mastersThenScreens(
+             JsonArray{master("MB", "SYM-B", JsonArray{group("B-G", JsonArray{rect("B-R")})}, frame(0, 0, 10, 10)),
+                       master("MA", "SYM-A", JsonArray{instance("A-IN-B", "SYM-B", frame(0, 0, 20, 20))},
+                              frame(0, 0, 20, 20)),
+                       master("MC", "SYM-C", JsonArray{instance("C-IN-A", "SYM-A", frame(0, 0, 40, 40))},
+                              frame(0, 0, 40, 40))},
+             JsonArray{instance("I1", "SYM-C", frame(0, 0, 80, 80)), instance("I2", "SYM-B")});
+       },
+       {},
+       0},
+      {"CyclesKeepACopy",
+       [] {
+         return mastersThenScreens(
+             JsonArray{master("MA", "SYM-A",
+                              JsonArray{rect("A-RECT"), instance("A-IN-B", "SYM-B", frame(10, 10, 50, 50)),
+                                        instance("A-SELF", "SYM-A", frame(60, 60, 20, 20))},
+                              frame(0, 0, 100, 100)),
+                       master("MB", "SYM-B", JsonArray{rect("B-RECT"), instance("B-IN-A", "SYM-A")},
+                              frame(0, 0, 50, 50))},
+             JsonArray{instance("I1", "SYM-A", frame(0, 0, 100, 100))});
+       },
+       {},
+       2},
+      {"WhatCyclesUseIsKeptToo",
+       [] {
+         return mastersThenScreens(
+             JsonArray{master("MD", "SYM-D", JsonArray{instance("D-IN-E", "SYM-E")}),
+                       master("ME", "SYM-E", JsonArray{group("E-G", JsonArray{rect("E-R")})}),
+                       master("MF", "SYM-F", JsonArray{instance("F-IN-P", "SYM-P")}),
+                       master("MP", "SYM-P", JsonArray{instance("P-IN-Q", "SYM-Q")}),
+                       master("MQ", "SYM-Q", JsonArray{instance("Q-IN-P", "SYM-P"), instance("Q-IN-D", "SYM-D")})},
+             JsonArray{instance("I1", "SYM-P"), instance("I2", "SYM-F")});
+       },
+       {},
+       4},
+      {"ForeignMastersPassTheirUsesOn",
+       [] {
+         SketchFixture fixture = mastersThenScreens(
+             JsonArray{master("MX", "SYM-X", JsonArray{instance("X-IN-T", "SYM-T")}),
+                       master("MT", "SYM-T", JsonArray{rect("T-R")}),
+                       master("MY", "SYM-Y", JsonArray{instance("Y-IN-F", "SYM-F")})},
+             JsonArray{instance("I1", "SYM-Y")});
+         JsonObject doc = fixture.documentJSON();
+         doc["foreignSymbols"] =
+             JsonArray{JsonObject{{"symbolMaster", master("MF", "SYM-F", JsonArray{instance("F-IN-X", "SYM-X")})}}};
+         fixture.setDocument(doc);
+         return fixture;
+       },
+       {},
+       0},
+      {"SwapsAndNestedOverrides",
+       [] {
+         return mastersThenScreens(
+             JsonArray{master("MC", "SYM-C", JsonArray{group("C-G", JsonArray{rect("C-R")}), instance("C-IN-T", "SYM-T")}),
+                       master("MT", "SYM-T", JsonArray{rect("T-R")}),
+                       master("MB", "SYM-B", JsonArray{rect("B-R"), instance("B-IN-D", "SYM-D")}),
+                       master("MD", "SYM-D", JsonArray{group("D-G")}),
+                       master("MA", "SYM-A",
+                              JsonArray{withOverride(withOverride(instance("A-IN-B", "SYM-B"), "B-IN-D_symbolID", "SYM-C"),
+                                                     "A-MISSING_symbolID", "SYM-NONE")})},
+             JsonArray{withOverride(instance("I1", "SYM-A"), "A-IN-B_symbolID", "SYM-D")}, true);
+       },
+       {},
+       0},
+      {"MastersHeldByMasters",
+       [] {
+         return mastersThenScreens(
+             JsonArray{master("MO", "SYM-O",
+                              JsonArray{instance("O-IN-I", "SYM-I"),
+                                        master("MI", "SYM-I", JsonArray{group("I-G"), instance("I-IN-T", "SYM-T")})}),
+                       master("MT", "SYM-T", JsonArray{rect("T-R")})},
+             JsonArray{instance("I1", "SYM-O"), instance("I2", "SYM-I")});
+       },
+       {},
+       0},
+      {"ASelectionAndDuplicateIdentifiers",
+       [] {
+         return mastersThenScreens(
+             JsonArray{master("MS", "SYM-S", JsonArray{group("G1", JsonArray{rect("TWIN"), rect("TWIN")}),
+                                                       instance("DUP", "SYM-T")}),
+                       master("MT", "SYM-T", JsonArray{rect("T1")})},
+             JsonArray{artboard("AB1", "One", frame(0, 0, 50, 50), JsonArray{instance("DUP", "SYM-T"), instance("I1", "SYM-S")}),
+                       artboard("AB2", "Two", frame(0, 0, 50, 50), JsonArray{instance("I2", "SYM-S")}),
+                       instance("DUP", "SYM-S")});
+       },
+       {"AB1"},
+       0},
+      {"AMasterInsideAnInstanceIsWalkedInPlace",
+       [] {
+         return mastersThenScreens(
+             JsonArray{master("MT", "SYM-T", JsonArray{rect("T-R")}),
+                       withLayers(instance("HOLDER", "SYM-T"),
+                                  JsonArray{master("MX", "SYM-X", JsonArray{instance("X-IN-T", "SYM-T")})})},
+             JsonArray{instance("I1", "SYM-X")});
+       },
+       {},
+       2},
+  };
+  return cases;
+}
+
+class PXSymbolDetacherV2Order : public ::testing::TestWithParam<OrderCase> {};
+
+}  // namespace
+
+// Masters are walked after everything that copies them, and identifiers are
+// renewed at the end: the pages must come out as walking them in order,
+// keeping every master as found, makes them.
+TEST_P(PXSymbolDetacherV2Order, DetachesAsThePagesInOrderWould) {
+  const OrderCase& c = GetParam();
+  TempDir dir;
+  const SketchFixture fixture = c.document();
+  const std::string expected = detachedText(fixture, dir / "page-by-page", c, true);
+  size_t kept = 0;
+  const std::string text = detachedText(fixture, dir / "in-order", c, false, &kept);
+  EXPECT_EQ(text, expected);
+  EXPECT_NE(text.find("in_original_objectID"), std::string::npos);
+  EXPECT_EQ(kept, c.copiesKept);
+}
+
+INSTANTIATE_TEST_SUITE_P(Cases, PXSymbolDetacherV2Order, ::testing::ValuesIn(orderCases()),
+                         [](const auto& info) { return info.param.name; });
