@@ -1,6 +1,6 @@
 // What plexa-extract's exit code and last lines say about a run: partial
-// runs, refused arguments, files that are not Sketch documents, Sketch that
-// cannot be started, and --save-detached.
+// runs, refused arguments, files that are not Sketch documents, and
+// --save-detached. (Sketch that cannot be started: CliOutputFolderTests.)
 #include "CliRun.h"
 #include "Files.h"
 #include "TestSupport.h"
@@ -8,7 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace plexa;
@@ -18,19 +17,6 @@ namespace {
 
 const std::string kHome = "5E0B1A3C-1111-4A2B-9C3D-4E5F60718201";
 const std::string kDetails = "5E0B1A3C-2222-4A2B-9C3D-4E5F60718202";
-
-std::string writeScript(const std::string& path, const std::string& body) {
-  writeText(path, "#!/bin/sh\n" + body + "\n");
-  ::chmod(path.c_str(), 0755);
-  return path;
-}
-
-// A private temporary folder per test, so leftovers can be counted.
-Environment withTemp(const TempDir& dir, Environment more = {}) {
-  PXFileManager::createDirectory(dir / "tmp", true);
-  more.emplace_back("TMPDIR", dir / "tmp");
-  return more;
-}
 
 }  // namespace
 
@@ -54,7 +40,8 @@ TEST(CliOutcome, RunsWithItemsMissingExitThreeAndNameThem) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     std::string out = dir / ("out-" + std::to_string(&c - cases.data()));
-    auto result = runCli({sample, "-o", out, "--progress", "none", "--sketchtool", c.tool}, withTemp(dir, c.environment));
+    auto result =
+        runCli({sample, "-o", out, "--progress", "none", "--sketchtool", c.tool}, withTemp(dir.path(), c.environment));
     EXPECT_EQ(result.exitCode, 3) << result.output;
     for (const auto& line : c.missing) EXPECT_TRUE(contains(result.output, line)) << line << "\n" << result.output;
     EXPECT_TRUE(contains(result.output, "missing")) << result.output;
@@ -64,34 +51,63 @@ TEST(CliOutcome, RunsWithItemsMissingExitThreeAndNameThem) {
   EXPECT_TRUE(entriesOf(dir / "tmp").empty());
 }
 
-TEST(CliOutcome, UnusableArgumentsAreRefusedBeforeAnythingIsWritten) {
+// Refused runs: the exit code and the reason, and nothing written, no
+// working copy named, the input untouched and no temporary folder left.
+TEST(CliOutcome, RefusedRunsSayWhyAndWriteNothing) {
   TempDir dir;
-  std::string sample = makeSample(dir.path());
-  std::string out = dir / "out";
+  const std::string sample = makeSample(dir.path()), out = dir / "out", original = readText(sample);
+  const std::string empty = dir / "empty.sketch", text = dir / "text.sketch";
+  writeText(empty, "");
+  writeText(text, "not a zip");
+  const std::string noDocument = SketchFixture()
+                                     .omitEntry("document.json")
+                                     .addPage(page("P1", "Page", {artboard("A1", "One", frame(0, 0, 10, 10))}))
+                                     .writeSketch(dir / "no-document.sketch");
+  ::symlink(sample.c_str(), (dir / "link.sketch").c_str());
+  PXFileManager::createDirectory(dir / "folder.sketch", true);
+  const std::string tool = fakeSketchtoolPath();
   struct Case {
     std::vector<std::string> arguments;
-    Environment environment;
+    int exitCode;
     std::string said;
+    Environment environment = {};
   };
   const std::vector<Case> cases = {
-      {{"--sketchtool", "/nonexistent/sketchtool"}, {}, "--sketchtool /nonexistent/sketchtool: no such file"},
-      {{"--sketchtool", dir.path()}, {}, "is a folder"},
-      {{}, {{"sketchToolPath", "/nope"}}, "sketchToolPath=/nope"},
-      {{"--artboards", "NOPE", "--sketchtool", fakeSketchtoolPath()}, {}, "no artboard NOPE"},
-      {{"--artboards", kHome + ",NOPE", "--sketchtool", fakeSketchtoolPath()}, {}, "no artboard NOPE"},
-      {{"--artboards", " , ", "--sketchtool", fakeSketchtoolPath()}, {}, "no artboard ID given"},
+      {{sample, "-o", out, "--sketchtool", "/nonexistent/sketchtool"}, 2,
+       "--sketchtool /nonexistent/sketchtool: no such file"},
+      {{sample, "-o", out, "--sketchtool", dir.path()}, 2, "is a folder"},
+      {{sample, "-o", out}, 2, "sketchToolPath=/nope", {{"sketchToolPath", "/nope"}}},
+      {{sample, "-o", out, "--artboards", "NOPE", "--sketchtool", tool}, 2, "no artboard NOPE"},
+      {{sample, "-o", out, "--artboards", kHome + ",NOPE", "--sketchtool", tool}, 2, "no artboard NOPE"},
+      {{sample, "-o", out, "--artboards", " , ", "--sketchtool", tool}, 2, "no artboard ID given"},
+      // The user's file is named, never a working copy, whatever the mode.
+      {{empty, "-o", out}, 1, empty + ": not a Sketch document: the file is empty"},
+      {{empty, "--list-artboards"}, 1, empty + ": not a Sketch document: the file is empty"},
+      {{text, "-o", out}, 1, text + ": not a Sketch document: it is not a zip archive"},
+      {{text, "--list-artboards"}, 1, text + ": not a Sketch document: it is not a zip archive"},
+      {{noDocument, "-o", out}, 1, noDocument + ": not a Sketch document: document.json is missing"},
+      {{noDocument, "--list-artboards"}, 1, noDocument + ": not a Sketch document: document.json is missing"},
+      {{sample, "--save-detached", dir / "no/such/folder/out.sketch"}, 1, "does not exist"},
+      {{sample, "--save-detached", dir / "folder.sketch"}, 1, "is a folder"},
+      {{sample, "--save-detached", "/proc/out.sketch"}, 1, "could not be written"},
+      {{sample, "--save-detached", sample}, 1, "is the input document itself"},
+      {{sample, "--save-detached", dir / "link.sketch"}, 1, "is the input document itself"},
+      {{sample, "--save-detached", dir / "no/../Sample.sketch"}, 1, "is the input document itself"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.said);
-    std::vector<std::string> arguments{sample, "-o", out, "--progress", "none"};
-    arguments.insert(arguments.end(), c.arguments.begin(), c.arguments.end());
-    auto result = runCli(arguments, withTemp(dir, c.environment));
-    EXPECT_EQ(result.exitCode, 2) << result.output;
+    std::vector<std::string> arguments = c.arguments;
+    arguments.insert(arguments.end(), {"--progress", "none"});
+    auto result = runCli(arguments, withTemp(dir.path(), c.environment));
+    EXPECT_EQ(result.exitCode, c.exitCode) << result.output;
     EXPECT_TRUE(contains(result.output, c.said)) << result.output;
-    EXPECT_FALSE(contains(result.output, "Extracted")) << result.output;
+    for (const std::string& never : {std::string("Extracted"), std::string("written to"), dir / "tmp"})
+      EXPECT_FALSE(contains(result.output, never)) << result.output;
     EXPECT_FALSE(PXFileManager::fileExists(out));
+    EXPECT_EQ(readText(sample), original);
+    EXPECT_TRUE(entriesOf(dir / "tmp").empty());
   }
-  EXPECT_TRUE(entriesOf(dir / "tmp").empty());
+  EXPECT_TRUE(entriesOf(dir / "folder.sketch").empty());
 }
 
 TEST(CliOutcome, BlanksAroundArtboardIDsAreTrimmed) {
@@ -104,87 +120,14 @@ TEST(CliOutcome, BlanksAroundArtboardIDsAreTrimmed) {
   EXPECT_TRUE(PXFileManager::fileExists(out + "/" + kDetails + ".json"));
 }
 
-TEST(CliOutcome, FilesThatAreNotSketchDocumentsAreNamedAsSuch) {
-  TempDir dir;
-  writeText(dir / "empty.sketch", "");
-  writeText(dir / "text.sketch", "not a zip");
-  SketchFixture fixture;
-  fixture.omitEntry("document.json");
-  fixture.addPage(page("P1", "Page", {artboard("A1", "One", frame(0, 0, 10, 10))}));
-  std::string noDocument = fixture.writeSketch(dir / "no-document.sketch");
-  struct Case {
-    std::string file, said;
-  };
-  const std::vector<Case> cases = {{dir / "empty.sketch", "not a Sketch document: the file is empty"},
-                                   {dir / "text.sketch", "not a Sketch document: it is not a zip archive"},
-                                   {noDocument, "not a Sketch document: document.json is missing"}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.file);
-    for (const auto& mode : std::vector<std::vector<std::string>>{{"-o", dir / "out", "--progress", "none"},
-                                                                   {"--list-artboards"}}) {
-      std::vector<std::string> arguments{c.file};
-      arguments.insert(arguments.end(), mode.begin(), mode.end());
-      auto result = runCli(arguments, withTemp(dir));
-      EXPECT_EQ(result.exitCode, 1) << result.output;
-      EXPECT_TRUE(contains(result.output, c.file + ": " + c.said)) << result.output;
-      // The user's file is named, never a working copy.
-      EXPECT_FALSE(contains(result.output, dir / "tmp")) << result.output;
-      EXPECT_FALSE(PXFileManager::fileExists(dir / "out"));
-      EXPECT_TRUE(entriesOf(dir / "tmp").empty());
-    }
-  }
-}
-
-TEST(CliOutcome, PluginDetachFailsAtOnceWhenSketchCannotBeStarted) {
+TEST(CliOutcome, SaveDetachedReplacesAnOlderCopyWhole) {
   TempDir dir;
   std::string sample = makeSample(dir.path());
-  PXFileManager::createDirectory(dir / "out", true);
-  // The test double knows no "run" command, as a sketchtool without Sketch.
-  auto result = runCli({sample, "-o", dir / "out", "--detach", "plugin", "--progress", "none", "--sketchtool",
-                        fakeSketchtoolPath(), "--detach-timeout", "600"},
-                       withTemp(dir));
-  EXPECT_EQ(result.exitCode, 1) << result.output;
-  EXPECT_TRUE(contains(result.output, "Sketch could not be started")) << result.output;
-  EXPECT_FALSE(contains(result.output, "no answer")) << result.output;
-  // The folder the user made is left as it was: there, and empty.
-  EXPECT_TRUE(PXFileManager::fileExists(dir / "out"));
-  EXPECT_TRUE(entriesOf(dir / "out").empty());
-  EXPECT_TRUE(entriesOf(dir / "tmp").empty());
-}
-
-TEST(CliOutcome, SaveDetachedReportsWhatItCouldNotWrite) {
-  TempDir dir;
-  std::string sample = makeSample(dir.path());
-  const std::string original = readText(sample);
-  ::symlink(sample.c_str(), (dir / "link.sketch").c_str());
-  PXFileManager::createDirectory(dir / "folder.sketch", true);
-  struct Case {
-    std::string target, said;
-  };
-  const std::vector<Case> cases = {
-      {dir / "no/such/folder/out.sketch", "does not exist"},
-      {dir / "folder.sketch", "is a folder"},
-      {"/proc/out.sketch", "could not be written"},
-      {sample, "is the input document itself"},
-      {dir / "link.sketch", "is the input document itself"},
-      {dir / "no/../Sample.sketch", "is the input document itself"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.target);
-    auto result = runCli({sample, "--save-detached", c.target}, withTemp(dir));
-    EXPECT_EQ(result.exitCode, 1) << result.output;
-    EXPECT_TRUE(contains(result.output, c.said)) << result.output;
-    EXPECT_FALSE(contains(result.output, "written to")) << result.output;
-    EXPECT_EQ(readText(sample), original);
-    EXPECT_TRUE(entriesOf(dir / "tmp").empty());
-  }
-  EXPECT_TRUE(entriesOf(dir / "folder.sketch").empty());
-
   // Relative to the working folder, and over an older copy: complete, with
   // no half-written file beside it.
   writeText(dir / "detached.sketch", "old");
   ASSERT_EQ(::chdir(dir.path().c_str()), 0);
-  auto result = runCli({sample, "--save-detached", "detached.sketch"}, withTemp(dir));
+  auto result = runCli({sample, "--save-detached", "detached.sketch"}, withTemp(dir.path()));
   ASSERT_EQ(::chdir("/"), 0);
   EXPECT_EQ(result.exitCode, 0) << result.output;
   EXPECT_TRUE(contains(result.output, "Detached document written to " + dir / "detached.sketch")) << result.output;

@@ -15,11 +15,6 @@ using namespace plexa::test;
 
 namespace {
 
-Environment withTemp(const TempDir& dir) {
-  PXFileManager::createDirectory(dir / "tmp", true);
-  return {{"TMPDIR", dir / "tmp"}};
-}
-
 // Every "fullPath" of the run's paths files and meta files.
 std::vector<std::string> fullPathsIn(const std::string& out) {
   std::vector<std::string> paths;
@@ -44,7 +39,7 @@ TEST(CliOutputFolder, EveryFullPathNamesTheFileTheUserHas) {
   // A relative -o: the paths are still whole paths to the user's folder.
   ASSERT_EQ(::chdir(dir.path().c_str()), 0);
   auto result = runCli({sample, "-o", "out", "--progress", "none", "--sketchtool", fakeSketchtoolPath()},
-                       withTemp(dir));
+                       withTemp(dir.path()));
   ASSERT_EQ(::chdir("/"), 0);
   ASSERT_EQ(result.exitCode, 0) << result.output;
   auto paths = fullPathsIn(dir / "out");
@@ -63,7 +58,7 @@ TEST(CliOutputFolder, AFolderWithSomethingInItIsUsedOnlyWithOverwrite) {
   PXFileManager::createDirectory(out + "/Documents", true);
   writeText(out + "/Documents/letter.txt", "mine");
 
-  auto refused = runCli({sample, "-o", out, "--meta", "--progress", "none"}, withTemp(dir));
+  auto refused = runCli({sample, "-o", out, "--meta", "--progress", "none"}, withTemp(dir.path()));
   EXPECT_EQ(refused.exitCode, 1) << refused.output;
   EXPECT_TRUE(contains(refused.output, "not empty")) << refused.output;
   EXPECT_TRUE(contains(refused.output, "--overwrite")) << refused.output;
@@ -71,13 +66,13 @@ TEST(CliOutputFolder, AFolderWithSomethingInItIsUsedOnlyWithOverwrite) {
   EXPECT_EQ(entriesOf(out), std::vector<std::string>{"Documents"});
   EXPECT_EQ(readText(out + "/Documents/letter.txt"), "mine");
 
-  auto replaced = runCli({sample, "-o", out, "--meta", "--progress", "none", "--overwrite"}, withTemp(dir));
+  auto replaced = runCli({sample, "-o", out, "--meta", "--progress", "none", "--overwrite"}, withTemp(dir.path()));
   EXPECT_EQ(replaced.exitCode, 0) << replaced.output;
   EXPECT_FALSE(PXFileManager::fileExists(out + "/Documents"));
   EXPECT_TRUE(PXFileManager::fileExists(out + "/__uploadInfo.json"));
 
   // Never a folder that holds the document itself.
-  auto holdsInput = runCli({sample, "-o", dir.path(), "--overwrite", "--progress", "none"}, withTemp(dir));
+  auto holdsInput = runCli({sample, "-o", dir.path(), "--overwrite", "--progress", "none"}, withTemp(dir.path()));
   EXPECT_EQ(holdsInput.exitCode, 1) << holdsInput.output;
   EXPECT_TRUE(contains(holdsInput.output, "holds the input document")) << holdsInput.output;
   EXPECT_TRUE(PXFileManager::fileExists(sample));
@@ -96,7 +91,7 @@ TEST(CliOutputFolder, AnArtboardNamedLikeAFolderOfTheUsersTakesNothingOfTheirs) 
   writeText(out + "/Documents/letter.txt", "mine");
 
   auto result = runCli({document, "-o", out, "--progress", "none", "--sketchtool", fakeSketchtoolPath()},
-                       withTemp(dir));
+                       withTemp(dir.path()));
   EXPECT_EQ(result.exitCode, 1) << result.output;
   EXPECT_EQ(readText(out + "/Documents/letter.txt"), "mine");
   EXPECT_EQ(entriesOf(out), std::vector<std::string>{"Documents"});
@@ -107,9 +102,10 @@ TEST(CliOutputFolder, AFailedRunLeavesTheFolderAsItWas) {
   TempDir dir;
   std::string sample = makeSample(dir.path());
   PXFileManager::createDirectory(dir / "empty", true);
-  // Sketch cannot be started: the run fails after the folder was prepared.
+  // Sketch cannot be started (the test double knows no "run" command): the
+  // run fails after the folder was prepared, without waiting out the time-out.
   const std::vector<std::string> failing = {"--detach", "plugin", "--progress", "none", "--sketchtool",
-                                            fakeSketchtoolPath()};
+                                            fakeSketchtoolPath(), "--detach-timeout", "600"};
   struct Case {
     std::string out, gone;  // `gone`: what must not exist afterwards
   };
@@ -117,8 +113,10 @@ TEST(CliOutputFolder, AFailedRunLeavesTheFolderAsItWas) {
     SCOPED_TRACE(c.out);
     std::vector<std::string> arguments{sample, "-o", c.out};
     arguments.insert(arguments.end(), failing.begin(), failing.end());
-    auto result = runCli(arguments, withTemp(dir));
+    auto result = runCli(arguments, withTemp(dir.path()));
     EXPECT_EQ(result.exitCode, 1) << result.output;
+    EXPECT_TRUE(contains(result.output, "Sketch could not be started")) << result.output;
+    EXPECT_FALSE(contains(result.output, "no answer")) << result.output;
     if (c.gone.empty()) {
       EXPECT_TRUE(PXFileManager::fileExists(c.out));
       EXPECT_TRUE(entriesOf(c.out).empty());
@@ -136,8 +134,7 @@ class CliFullDisk : public ::testing::Test {
   void SetUp() override {
     std::string probe = "unshare -m sh -c 'mount -t tmpfs -o size=64k tmpfs " + dir.path() + "' 2>/dev/null";
     if (std::system(probe.c_str()) != 0) GTEST_SKIP() << "cannot mount a small file system here";
-    std::string command = std::string("'") + PLEXA_MAKE_SAMPLE_PATH + "' '" + sample + "'";
-    ASSERT_EQ(std::system(command.c_str()), 0);
+    ASSERT_EQ(makeSample(dir.path()), sample);
   }
 
   // Runs the program with `small` mounted as a tmpfs of `size`, then lists
@@ -149,17 +146,7 @@ class CliFullDisk : public ::testing::Test {
                          "; exit $code";
     std::string path = dir / "run.sh";
     writeText(path, script);
-    return runCliShell("unshare -m sh " + path);
-  }
-
-  static CliResult runCliShell(const std::string& command) {
-    CliResult result;
-    FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
-    char buffer[4096];
-    for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) result.output.append(buffer, n);
-    int status = ::pclose(pipe);
-    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return result;
+    return runShell("unshare -m sh " + path);
   }
 
   TempDir dir;

@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <sstream>
 #include <thread>
 
 using namespace plexa;
@@ -36,20 +35,6 @@ bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds t
   return true;
 }
 
-// The pids the fake sketchtool logged as started.
-std::vector<pid_t> startedTools(const std::string& log) {
-  std::vector<pid_t> pids;
-  std::istringstream lines(PXFileManager::readFile(log).value_or(""));
-  for (std::string line; std::getline(lines, line);) {
-    std::istringstream fields(line);
-    std::string kind, when;
-    pid_t pid = 0;
-    fields >> kind >> when >> pid;
-    if (kind == "start") pids.push_back(pid);
-  }
-  return pids;
-}
-
 bool isGone(pid_t pid) {
   std::string status = PXFileManager::readFile("/proc/" + std::to_string(pid) + "/status").value_or("State:\tgone");
   return status.find("State:\tZ") != std::string::npos || status.find("gone") != std::string::npos;
@@ -64,48 +49,35 @@ struct Folders {
 
 }  // namespace
 
+// A folder the user had is emptied, not removed.
 TEST(CliSignals, EachEndingSignalExitsWithItsNumberAndLeavesNothing) {
   struct Case {
     int signal;
     const char* name;
+    bool folderExisted = false;
   };
   for (const auto& c : {Case{SIGINT, "SIGINT"}, Case{SIGTERM, "SIGTERM"}, Case{SIGHUP, "SIGHUP"},
-                        Case{SIGQUIT, "SIGQUIT"}}) {
-    SCOPED_TRACE(c.name);
+                        Case{SIGQUIT, "SIGQUIT"}, Case{SIGTERM, "SIGTERM", true}}) {
+    SCOPED_TRACE(std::string(c.name) + (c.folderExisted ? " into an existing folder" : ""));
     Folders f;
     std::string sample = makeSample(f.dir.path());
     std::string log = f.dir / "tool.log";
+    if (c.folderExisted) PXFileManager::createDirectory(f.out, true);
     CliProcess run({sample, "-o", f.out, "--progress", "none", "--sketchtool", fakeSketchtoolPath()},
                    {{"TMPDIR", f.tmp}, {"PLEXA_FAKE_SKETCHTOOL_SLEEP_MS", "20000"}, {"PLEXA_FAKE_SKETCHTOOL_LOG", log}},
                    f.dir / "output.txt");
     // Stopped while sketchtool renders: the meta files are written by then.
-    ASSERT_TRUE(waitFor([&] { return !startedTools(log).empty(); }, 20s));
+    ASSERT_TRUE(waitFor([&] { return !toolRuns(log).empty(); }, 20s));
     run.signal(c.signal);
     auto result = run.wait(5s);
     ASSERT_TRUE(result) << "still running 5 s after " << c.name;
     EXPECT_EQ(result->exitCode, 128 + c.signal) << result->output;
     EXPECT_TRUE(contains(result->output, std::string("stopped by ") + c.name)) << result->output;
-    EXPECT_FALSE(PXFileManager::fileExists(f.out));
+    EXPECT_EQ(PXFileManager::fileExists(f.out), c.folderExisted);
+    EXPECT_TRUE(entriesOf(f.out).empty());
     EXPECT_TRUE(entriesOf(f.tmp).empty());
-    for (pid_t pid : startedTools(log)) EXPECT_TRUE(isGone(pid)) << pid;
+    for (const auto& tool : toolRuns(log)) EXPECT_TRUE(isGone(tool.pid)) << tool.pid;
   }
-}
-
-TEST(CliSignals, AnExistingFolderIsEmptiedNotRemoved) {
-  Folders f;
-  std::string sample = makeSample(f.dir.path());
-  PXFileManager::createDirectory(f.out, true);
-  std::string log = f.dir / "tool.log";
-  CliProcess run({sample, "-o", f.out, "--progress", "none", "--sketchtool", fakeSketchtoolPath()},
-                 {{"TMPDIR", f.tmp}, {"PLEXA_FAKE_SKETCHTOOL_SLEEP_MS", "20000"}, {"PLEXA_FAKE_SKETCHTOOL_LOG", log}},
-                 f.dir / "output.txt");
-  ASSERT_TRUE(waitFor([&] { return !startedTools(log).empty(); }, 20s));
-  run.signal(SIGTERM);
-  auto result = run.wait(5s);
-  ASSERT_TRUE(result);
-  EXPECT_EQ(result->exitCode, 143);
-  EXPECT_TRUE(PXFileManager::fileExists(f.out));
-  EXPECT_TRUE(entriesOf(f.out).empty());
 }
 
 TEST(CliSignals, AnInterruptIsHonouredWhileTheMetaWalkIsBusy) {

@@ -1,6 +1,7 @@
 // The attributed-string model, base64, and the keyed-archive codec: round
 // trips through our encoder, hostile archives, and Sketch's own archives.
 
+#include "ArchiveBuilder.h"
 #include "AttributedString.h"
 #include "KeyedArchive.h"
 #include "TestSupport.h"
@@ -15,11 +16,11 @@
 #include <tuple>
 
 using namespace plexa;
+using plexa::test::ArchiveBuilder;
 using plexa::test::LogCapture;
+using plexa::test::binaryPlist;
 
 namespace {
-
-using PlistItems = std::initializer_list<std::pair<const char*, plist_t>>;
 
 PXTextAttributes fontAttributes(const std::string& name, double size) {
   PXTextAttributes attributes;
@@ -27,68 +28,9 @@ PXTextAttributes fontAttributes(const std::string& name, double size) {
   return attributes;
 }
 
-plist_t dict(PlistItems items) {
-  plist_t node = plist_new_dict();
-  for (const auto& [key, value] : items) plist_dict_set_item(node, key, value);
-  return node;
-}
-
-// The binary form of a property list, which is freed.
-std::string binaryPlist(plist_t node) {
-  char* bytes = nullptr;
-  uint32_t length = 0;
-  plist_to_bin(node, &bytes, &length);
-  std::string out(bytes, length);
-  plist_to_bin_free(bytes);
-  plist_free(node);
-  return out;
-}
-
-// A small NSKeyedArchiver plist built by hand, for archives our encoder
-// would never write.
-class RawArchive {
- public:
-  RawArchive() : objects_(plist_new_array()) { plist_array_append_item(objects_, plist_new_string("$null")); }
-  ~RawArchive() { plist_free(objects_); }
-
-  uint64_t add(plist_t node) {
-    plist_array_append_item(objects_, node);
-    return plist_array_get_size(objects_) - 1;
-  }
-  plist_t ref(plist_t node) { return plist_new_uid(add(node)); }
-  // An archived object: its members, then a reference to its class.
-  plist_t object(const char* className, PlistItems members = {}) {
-    plist_t node = dict(members);
-    plist_t chain = plist_new_array();
-    plist_array_append_item(chain, plist_new_string(className));
-    plist_dict_set_item(node, "$class", ref(dict({{"$classname", plist_new_string(className)}, {"$classes", chain}})));
-    return node;
-  }
-  uint64_t dictionary(const std::vector<std::pair<std::string, uint64_t>>& entries) {
-    plist_t keys = plist_new_array();
-    plist_t values = plist_new_array();
-    for (const auto& [key, uid] : entries) {
-      plist_array_append_item(keys, ref(plist_new_string(key.c_str())));
-      plist_array_append_item(values, plist_new_uid(uid));
-    }
-    return add(object("NSDictionary", {{"NS.keys", keys}, {"NS.objects", values}}));
-  }
-  std::string finish(uint64_t root) {
-    return binaryPlist(dict({{"$archiver", plist_new_string("NSKeyedArchiver")},
-                             {"$version", plist_new_uint(100000)},
-                             {"$top", dict({{"root", plist_new_uid(root)}})},
-                             {"$objects", plist_copy(objects_)}}));
-  }
-  // The index the next add() will return.
-  uint64_t nextUID() const { return plist_array_get_size(objects_); }
-
- private:
-  plist_t objects_;
-};
-
 // An attributed string whose NSAttributes / NSAttributeInfo are given.
-std::string attributedArchive(const std::string& text, const std::function<void(RawArchive&, plist_t)>& fill) {
-  RawArchive raw;
+std::string attributedArchive(const std::string& text, const std::function<void(ArchiveBuilder&, plist_t)>& fill) {
+  ArchiveBuilder raw;
   plist_t root = raw.object("NSAttributedString", {{"NSString", raw.ref(plist_new_string(text.c_str()))}});
   fill(raw, root);
   return raw.finish(raw.add(root));
@@ -313,7 +255,7 @@ TEST(KeyedArchiveRoundTrip, WritesTheFormSketchReads) {
 }
 
 TEST(KeyedArchiveRoundTrip, PlainStringRoots) {
-  RawArchive raw;
+  ArchiveBuilder raw;
   const auto archive = raw.finish(raw.add(plist_new_string("Just text")));
   const auto object = PXKeyedUnarchiveRootObject(archive);
   ASSERT_TRUE(object.has_value());
@@ -321,11 +263,11 @@ TEST(KeyedArchiveRoundTrip, PlainStringRoots) {
   EXPECT_EQ(object->string, "Just text");
   EXPECT_EQ(PXUnarchiveAttributedString(archive)->string(), "Just text");
 
-  RawArchive mutableString;
+  ArchiveBuilder mutableString;
   plist_t node = mutableString.object("NSMutableString", {{"NS.string", plist_new_string("Mutable")}});
   EXPECT_EQ(PXKeyedUnarchiveRootObject(mutableString.finish(mutableString.add(node)))->string, "Mutable");
 
-  RawArchive number;
+  ArchiveBuilder number;
   const auto numberArchive = number.finish(number.add(plist_new_real(2.5)));
   EXPECT_EQ(PXKeyedUnarchiveRootObject(numberArchive)->className, "NSNumber");
   LogCapture logs;
@@ -344,7 +286,7 @@ TEST(KeyedArchiveHostile, MalformedContainersGiveAbsentWithALogLine) {
   EXPECT_FALSE(PXUnarchiveAttributedString(std::string(9 * 1024 * 1024, 'b')).has_value());
   EXPECT_GE(logs.count("Could not unarchive"), 5u);
   // A property list that is not a keyed archive.
-  EXPECT_FALSE(PXUnarchiveAttributedString(binaryPlist(dict({{"hello", plist_new_string("world")}}))).has_value());
+  EXPECT_FALSE(PXUnarchiveAttributedString(binaryPlist(test::plistDict({{"hello", plist_new_string("world")}}))).has_value());
   EXPECT_TRUE(logs.contains("not a keyed archive"));
 }
 
@@ -365,16 +307,16 @@ TEST(KeyedArchiveHostile, DeepOrCyclicPropertyListsAreRefusedQuickly) {
 }
 
 TEST(KeyedArchiveHostile, BadReferencesAndRunTables) {
-  RawArchive outOfRange;
+  ArchiveBuilder outOfRange;
   EXPECT_FALSE(PXUnarchiveAttributedString(outOfRange.finish(999)).has_value());
   // NSString is a number.
-  EXPECT_FALSE(PXUnarchiveAttributedString(attributedArchive("x", [](RawArchive& raw, plist_t root) {
+  EXPECT_FALSE(PXUnarchiveAttributedString(attributedArchive("x", [](ArchiveBuilder& raw, plist_t root) {
                  plist_dict_set_item(root, "NSString", raw.ref(plist_new_uint(5)));
                })).has_value());
 
   // NSAttributes refers back to the root object: it is no dictionary, so the
   // text comes back without attributes instead of looping.
-  RawArchive cyclic;
+  ArchiveBuilder cyclic;
   const uint64_t rootUID = cyclic.nextUID() + 2;  // after the string and the class
   plist_t root = cyclic.object("NSAttributedString", {{"NSString", cyclic.ref(plist_new_string("loop"))},
                                                       {"NSAttributes", plist_new_uid(rootUID)}});
@@ -385,7 +327,7 @@ TEST(KeyedArchiveHostile, BadReferencesAndRunTables) {
   EXPECT_TRUE(loop->runs()[0].attributes.empty());
 
   const auto withRuns = [](const std::string& info, size_t tableSize) {
-    return attributedArchive("abcd", [&](RawArchive& raw, plist_t node) {
+    return attributedArchive("abcd", [&](ArchiveBuilder& raw, plist_t node) {
       plist_t elements = plist_new_array();
       for (size_t i = 0; i < tableSize; ++i) plist_array_append_item(elements, plist_new_uid(raw.dictionary({})));
       plist_dict_set_item(node, "NSAttributes", raw.ref(raw.object("NSArray", {{"NS.objects", elements}})));
@@ -417,18 +359,13 @@ TEST(KeyedArchiveHostile, BadReferencesAndRunTables) {
 TEST(KeyedArchiveReplacingText, KeepsTheFirstRunAsArchivedEvenWhenOddlyLinked) {
   // The first run's dictionary refers to itself and to a shared object; the
   // second run's is dropped with the old text.
-  const auto archive = attributedArchive("old text", [](RawArchive& raw, plist_t root) {
+  const auto archive = attributedArchive("old text", [](ArchiveBuilder& raw, plist_t root) {
     const uint64_t shared = raw.add(plist_new_string("shared value"));
     const uint64_t self = raw.nextUID() + 3;  // the dictionary made next, after two keys and its class
     const uint64_t first = raw.dictionary({{"XSelf", self}, {"XShared", shared}});
     EXPECT_EQ(first, self);
     const uint64_t second = raw.dictionary({{"NSKern", raw.add(plist_new_real(2))}});
-    const uint64_t list = raw.add(raw.object("NSArray", {{"NS.objects", [&] {
-                                                          plist_t a = plist_new_array();
-                                                          plist_array_append_item(a, plist_new_uid(first));
-                                                          plist_array_append_item(a, plist_new_uid(second));
-                                                          return a;
-                                                        }()}}));
+    const uint64_t list = raw.add(raw.object("NSArray", {{"NS.objects", raw.uids({first, second})}}));
     plist_dict_set_item(root, "NSAttributes", plist_new_uid(list));
     const std::string info("\x03\x00\x05\x01", 4);
     plist_dict_set_item(root, "NSAttributeInfo", raw.ref(plist_new_data(info.data(), info.size())));
@@ -453,12 +390,12 @@ TEST(KeyedArchiveReplacingText, KeepsTheFirstRunAsArchivedEvenWhenOddlyLinked) {
 TEST(KeyedArchiveReplacingText, RefusesWhatIsNoAttributedString) {
   LogCapture logs;
   // A chain of dictionaries longer than any real paragraph style.
-  const auto deep = attributedArchive("deep", [](RawArchive& raw, plist_t root) {
+  const auto deep = attributedArchive("deep", [](ArchiveBuilder& raw, plist_t root) {
     uint64_t link = raw.add(plist_new_string("end"));
     for (int i = 0; i < 200; ++i) link = raw.dictionary({{"XNext", link}});
     plist_dict_set_item(root, "NSAttributes", plist_new_uid(link));
   });
-  RawArchive plain;
+  ArchiveBuilder plain;
   const std::string plainString = plain.finish(plain.add(plain.object("NSString", {{"NS.string", plist_new_string("x")}})));
   for (const std::string& archive : {deep, plainString, std::string("bplist00 not really"), std::string()})
     EXPECT_FALSE(PXArchiveReplacingAttributedStringText(archive, "new").has_value());
@@ -466,7 +403,7 @@ TEST(KeyedArchiveReplacingText, RefusesWhatIsNoAttributedString) {
 }
 
 TEST(KeyedArchiveHostile, WrongTypedAttributeValuesAreDropped) {
-  const auto archive = attributedArchive("styled", [](RawArchive& raw, plist_t root) {
+  const auto archive = attributedArchive("styled", [](ArchiveBuilder& raw, plist_t root) {
     const uint64_t badFont = raw.add(plist_new_string("not a descriptor"));
     const uint64_t badColor = raw.add(raw.object("NSColor", {{"NSColorSpace", plist_new_uint(1)},
                                                              {"NSRGB", plist_new_string("0 0 0")}}));  // not data

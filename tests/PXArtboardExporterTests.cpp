@@ -12,7 +12,6 @@
 #include <filesystem>
 #include <set>
 #include <signal.h>
-#include <sstream>
 
 using namespace plexa;
 using namespace std::chrono_literals;
@@ -120,31 +119,7 @@ struct AssetRun {
   }
 };
 
-// The runs the test double logged: when each started and ended (0: never), and how many items it got.
-struct ToolRun {
-  long long start = 0;
-  long long end = 0;
-  int pid = 0;
-  size_t items = 0;
-};
-
-std::vector<ToolRun> toolRuns(const std::string& logPath) {
-  std::vector<ToolRun> runs;
-  std::istringstream lines(PXFileManager::readFile(logPath).value_or(""));
-  for (std::string line; std::getline(lines, line);) {
-    std::istringstream fields(line);
-    std::string event, kind, items;
-    ToolRun run;
-    fields >> event >> run.start >> run.pid >> kind >> items;
-    run.items = items.empty() ? 0 : std::count(items.begin(), items.end(), ',') + 1;
-    if (event == "start") runs.push_back(run);
-    for (auto& started : runs)
-      if (event == "end" && started.pid == run.pid) started.end = run.start;
-  }
-  return runs;
-}
-
-size_t mostAtOnce(const std::vector<ToolRun>& runs) {
+size_t mostAtOnce(const std::vector<test::ToolRun>& runs) {
   std::vector<std::pair<long long, int>> events;
   for (const auto& run : runs) {
     events.emplace_back(run.start, 1);
@@ -202,7 +177,7 @@ TEST(PXArtboardExporterImages, BatchesWaitForAFreeSlot) {
   ImageRun run(*exporter, doc.IDs, 1, doc.out);
   ASSERT_TRUE(run.wait());
 
-  auto runs = toolRuns(doc.toolLog());
+  auto runs = test::toolRuns(doc.toolLog());
   ASSERT_EQ(runs.size(), 3u);
   std::multiset<size_t> sizes;
   for (const auto& r : runs) sizes.insert(r.items);
@@ -248,7 +223,7 @@ TEST(PXArtboardExporterImages, FormatsGroupScaleIsRenamedAndOldFilesAreReplaced)
   EXPECT_TRUE(startsWith(test::readText(doc.out + "/PNG-1.png"), kPNGSignature));
   EXPECT_TRUE(startsWith(test::readText(doc.out + "/JPG-1.jpg"), kJPEGStart));
   EXPECT_EQ(PXFileManager::contentsOfDirectory(doc.out)->size(), 3u);  // no "@2x" names left behind
-  EXPECT_EQ(toolRuns(doc.toolLog()).size(), 2u);
+  EXPECT_EQ(test::toolRuns(doc.toolLog()).size(), 2u);
   EXPECT_TRUE(messages.contains("total artboards count 3, queues count 2"));
 }
 
@@ -278,7 +253,7 @@ TEST(PXArtboardExporterImages, ToolWarningsAndMissingImagesShowInTheResult) {
   ASSERT_TRUE(empty.wait());
   EXPECT_TRUE(empty.success);
   EXPECT_TRUE(empty.files.empty());
-  EXPECT_TRUE(toolRuns(doc.toolLog()).empty());
+  EXPECT_TRUE(test::toolRuns(doc.toolLog()).empty());
 }
 
 TEST(PXArtboardExporterImages, RaisingTheLimitStartsWaitingBatchesAtOnce) {
@@ -289,12 +264,12 @@ TEST(PXArtboardExporterImages, RaisingTheLimitStartsWaitingBatchesAtOnce) {
   exporter->setMaxNumberPerExport(1);
   exporter->setMaxConcurrent(0);  // taken as 1: a limit of 0 must not stall the export
   ImageRun run(*exporter, doc.IDs, 1, doc.out);
-  ASSERT_TRUE(test::pumpMainUntil([&] { return toolRuns(doc.toolLog()).size() == 1; }));
+  ASSERT_TRUE(test::pumpMainUntil([&] { return test::toolRuns(doc.toolLog()).size() == 1; }));
   test::pumpMainUntil([] { return false; }, 200ms);
-  EXPECT_EQ(toolRuns(doc.toolLog()).size(), 1u);
+  EXPECT_EQ(test::toolRuns(doc.toolLog()).size(), 1u);
   exporter->setMaxConcurrent(3);
   ASSERT_TRUE(run.wait());
-  auto runs = toolRuns(doc.toolLog());
+  auto runs = test::toolRuns(doc.toolLog());
   ASSERT_EQ(runs.size(), 3u);
   EXPECT_EQ(mostAtOnce(runs), 3u);
 }
@@ -306,14 +281,14 @@ TEST(PXArtboardExporterImages, CancelKillsRunningToolsAndDropsTheCompletion) {
   auto exporter = doc.exporter();
   exporter->setMaxConcurrent(2);
   ImageRun run(*exporter, doc.IDs, 1, doc.out);
-  ASSERT_TRUE(test::pumpMainUntil([&] { return toolRuns(doc.toolLog()).size() == 2; }));
+  ASSERT_TRUE(test::pumpMainUntil([&] { return test::toolRuns(doc.toolLog()).size() == 2; }));
   EXPECT_EQ(exporter->sketchToolCount(), 2u);
 
   exporter->cancel();
   ASSERT_TRUE(test::pumpMainUntil([&] { return exporter->sketchToolCount() == 0; }, 5s));
   test::pumpMainUntil([&] { return run.done.load(); }, 500ms);
   EXPECT_FALSE(run.done);
-  auto runs = toolRuns(doc.toolLog());
+  auto runs = test::toolRuns(doc.toolLog());
   EXPECT_EQ(runs.size(), 2u);
   for (const auto& r : runs) {
     EXPECT_TRUE(processGone(r.pid)) << r.pid;
@@ -463,18 +438,18 @@ TEST(PXArtboardExporterAssets, CancelKillsTheRunAndPlacesNothingMore) {
   ScopedEnv log("PLEXA_FAKE_SKETCHTOOL_LOG", doc.toolLog());
   auto exporter = doc.exporter();
   AssetRun run(*exporter, std::nullopt, paths, doc.out);
-  ASSERT_TRUE(test::pumpMainUntil([&] { return toolRuns(doc.toolLog()).size() == 1; }));
+  ASSERT_TRUE(test::pumpMainUntil([&] { return test::toolRuns(doc.toolLog()).size() == 1; }));
   exporter->cancel();
   ASSERT_TRUE(run.wait(5s));
   EXPECT_TRUE(run.paths.empty());
   EXPECT_FALSE(PXFileManager::fileExists(doc.out + "/A1/P/B/icon.png"));
-  EXPECT_TRUE(processGone(toolRuns(doc.toolLog())[0].pid));
+  EXPECT_TRUE(processGone(test::toolRuns(doc.toolLog())[0].pid));
 
   // A cancelled exporter starts nothing new, and says nothing.
   AssetRun later(*exporter, std::nullopt, paths, doc.out);
   test::pumpMainUntil([&] { return later.success.has_value(); }, 300ms);
   EXPECT_FALSE(later.success);
-  EXPECT_EQ(toolRuns(doc.toolLog()).size(), 1u);
+  EXPECT_EQ(test::toolRuns(doc.toolLog()).size(), 1u);
 }
 
 TEST(PXArtboardExporterLayerRuns, HugeLayerListsAreSplitToFitOneArgument) {

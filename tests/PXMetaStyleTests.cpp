@@ -1,6 +1,7 @@
 // Style conversion: colours, fills, gradients, borders, shadows, strings,
 // rounding and record filling, with values worked out by hand.
 
+#include "ArchiveBuilder.h"
 #include "KeyedArchive.h"
 #include "PXMetaStyle.h"
 #include "TestSupport.h"
@@ -146,19 +147,8 @@ TEST(PXMetaStyleShadows, ListsEveryShadowTopMostFirst) {
 
 // A keyed archive whose root object is a plain string.
 std::string archivedPlainString(const char* text) {
-  plist_t root = plist_new_dict(), top = plist_new_dict(), objects = plist_new_array();
-  plist_dict_set_item(top, "root", plist_new_uid(1));
-  plist_dict_set_item(root, "$top", top);
-  plist_array_append_item(objects, plist_new_string("$null"));
-  plist_array_append_item(objects, plist_new_string(text));
-  plist_dict_set_item(root, "$objects", objects);
-  char* bytes = nullptr;
-  uint32_t length = 0;
-  plist_to_bin(root, &bytes, &length);
-  std::string archive(bytes, length);
-  free(bytes);
-  plist_free(root);
-  return PXBase64Encode(archive);
+  test::ArchiveBuilder archive;
+  return archive.base64(archive.add(plist_new_string(text)));
 }
 
 TEST(PXMetaStyleStrings, NamesWhatIsNotAString) {

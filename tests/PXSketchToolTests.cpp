@@ -34,15 +34,9 @@ class ScopedLocations {
   std::vector<std::string> old_, oldRenderers_;
 };
 
-std::string makeExecutable(const std::string& path, const std::string& script) {
-  test::writeText(path, script);
-  chmod(path.c_str(), 0755);
-  return path;
-}
-
 // A tool that is a shell script with this body.
 std::shared_ptr<PXSketchTool> scriptTool(const std::string& path, const std::string& body) {
-  return PXSketchTool::sketchToolWithPath(makeExecutable(path, "#!/bin/sh\n" + body));
+  return PXSketchTool::sketchToolWithPath(test::writeScript(path, body));
 }
 
 using File = std::tuple<std::optional<std::string>, std::optional<std::string>, std::string>;
@@ -101,11 +95,10 @@ TEST(PXSketchToolLocation, BundledRendererIsLookedForBesideTheProgramThenInTheBu
 
 TEST(PXSketchToolLocation, EnvironmentThenConfiguredLocationsThenRendererThenPathThenNothing) {
   test::TempDir dir;
-  std::string fromEnvironment = makeExecutable(dir / "env-tool", "#!/bin/sh\n");
-  std::string configured = makeExecutable(dir / "configured-tool", "#!/bin/sh\n");
-  std::string renderer = makeExecutable(dir / "plexa-sketchtool", "#!/bin/sh\n");
-  PXFileManager::createDirectory(dir / "bin", true);
-  std::string onPath = makeExecutable(dir / "bin/sketchtool", "#!/bin/sh\n");
+  std::string fromEnvironment = test::writeScript(dir / "env-tool", "");
+  std::string configured = test::writeScript(dir / "configured-tool", "");
+  std::string renderer = test::writeScript(dir / "plexa-sketchtool", "");
+  std::string onPath = test::writeScript(dir / "bin/sketchtool", "");
   ScopedLocations locations({dir / "missing-tool", configured}, {dir / "missing-renderer", renderer});
   test::ScopedEnv path("PATH", dir / "bin");
   test::ScopedEnv env("sketchToolPath", fromEnvironment);

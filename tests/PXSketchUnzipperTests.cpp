@@ -23,29 +23,6 @@ using ::testing::StartsWith;
 
 namespace {
 
-// Log lines by level, so a test can tell errors from warnings.
-class LevelLog {
- public:
-  LevelLog() {
-    PXLogSetObserver([this](unsigned flag, const std::string& message) {
-      std::lock_guard lock(mutex_);
-      lines_.emplace_back(flag, message);
-    });
-  }
-  ~LevelLog() { PXLogSetObserver({}); }
-  std::vector<std::string> at(unsigned flag) const {
-    std::lock_guard lock(mutex_);
-    std::vector<std::string> out;
-    for (const auto& [f, message] : lines_)
-      if (f == flag) out.push_back(message);
-    return out;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::pair<unsigned, std::string>> lines_;
-};
-
 // What a completion saw, filled from whichever thread it ran on.
 struct CompletionRecord {
   std::mutex mutex;
@@ -131,7 +108,7 @@ TEST(PXSketchUnzipperStatus, CancelledAndUncreatableFolders) {
   // A folder below a plain file cannot exist: reported at once, on this thread.
   writeText(dir / "file", "x");
   std::string impossible = dir / "file/unzipped";
-  LevelLog log;
+  LogCapture log;
   auto unzipper = PXSketchUnzipper::make();
   unzipper->sketchFilePath = sketch;
   CompletionRecord record;
@@ -208,7 +185,7 @@ TEST(PXSketchUnzipperFormatting, PrettyPrintRewritesJSONAndNoPrettyKeepsArchiveB
 TEST(PXSketchUnzipperFormatting, MalformedJSONIsKeptAsItIs) {
   TempDir dir;
   std::string sketch = smallDocument().addEntry("pages/BROKEN.json", "{\"layers\": [").writeSketch(dir / "in.sketch");
-  LevelLog log;
+  LogCapture log;
   auto result = PXSketchUnzipper::unzip(sketch, dir / "out", true);
   EXPECT_TRUE(result.success) << result.output;
   EXPECT_NE(result.output.find("pretty-printed 4 of 5 JSON files"), std::string::npos) << result.output;
@@ -236,7 +213,7 @@ TEST(PXSketchUnzipperFailure, ReportsFalseWithOneErrorLine) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    LevelLog log;
+    LogCapture log;
     auto unzipper = PXSketchUnzipper::make();
     unzipper->sketchFilePath = c.sketch;
     unzipper->maxUncompressedBytes = c.cap;

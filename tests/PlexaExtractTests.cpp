@@ -1,5 +1,6 @@
 #include "PlexaExtract.h"
 
+#include "ExtractionRun.h"
 #include "Files.h"
 #include "MainQueue.h"
 #include "NSString+MPSync.h"
@@ -16,13 +17,6 @@ using namespace plexa;
 using namespace plexa::test;
 
 namespace {
-
-struct Outcome {
-  bool called = false;
-  std::vector<std::string> names;
-  std::optional<PXError> error;
-  std::vector<std::pair<int64_t, double>> progress;  // (process, total)
-};
 
 // Two pages: A, B, C on the first (so display order is C, B, A), D on the second.
 std::string writeDocument(const TempDir& dir, const std::string& name = "doc.sketch") {
@@ -43,34 +37,12 @@ std::shared_ptr<PlexaExtract> makeExtractor(const TempDir& dir, const std::strin
   return extractor;
 }
 
-std::shared_ptr<Outcome> start(const std::shared_ptr<PlexaExtract>& extractor,
-                               const std::optional<std::vector<std::string>>& ids, uint64_t options,
-                               bool withProgress = true) {
-  auto outcome = std::make_shared<Outcome>();
-  if (withProgress) {
-    extractor->progressBlock = [outcome](PlexaExtractProcess process, double, double total) {
-      outcome->progress.emplace_back(process, total);
-    };
-  }
-  extractor->startExtractionForArtboardIDs(ids, 1.0, options, nullptr,
-                                           [outcome](const std::vector<std::string>& names, const std::optional<PXError>& error) {
-                                             outcome->called = true;
-                                             outcome->names = names;
-                                             outcome->error = error;
-                                           });
-  return outcome;
-}
-
-bool contains(const std::vector<std::string>& names, const std::string& name) {
-  return std::find(names.begin(), names.end(), name) != names.end();
-}
-
 }  // namespace
 
 TEST(PlexaExtractPipeline, NoOptionsStillUnzipsCompletesEveryProcessAndWritesUploadInfo) {
   TempDir dir;
   auto extractor = makeExtractor(dir, writeDocument(dir));
-  auto outcome = start(extractor, std::nullopt, 0);
+  auto outcome = startExtraction(extractor, std::nullopt, 0);
   ASSERT_TRUE(pumpMainUntil([&] { return outcome->called; }));
   EXPECT_FALSE(outcome->error);
   EXPECT_EQ(outcome->names, std::vector<std::string>{"__uploadInfo.json"});
@@ -91,20 +63,21 @@ TEST(PlexaExtractPipeline, ArtboardSelectionAndMetaOptions) {
   {
     // Absent IDs: every artboard, excluded names skipped only with option 4.
     auto extractor = makeExtractor(dir, sketch);
-    auto outcome = start(extractor, std::nullopt, PlexaExtractExportMeta | PlexaExtractExcludeIgnoredArtboardName);
+    auto outcome =
+        startExtraction(extractor, std::nullopt, PlexaExtractExportMeta | PlexaExtractExcludeIgnoredArtboardName);
     ASSERT_TRUE(pumpMainUntil([&] { return outcome->called; }));
-    EXPECT_TRUE(contains(outcome->names, "A.json"));
-    EXPECT_TRUE(contains(outcome->names, "D-paths.json"));
-    EXPECT_FALSE(contains(outcome->names, "C.json"));
+    EXPECT_TRUE(outcome->lists("A.json"));
+    EXPECT_TRUE(outcome->lists("D-paths.json"));
+    EXPECT_FALSE(outcome->lists("C.json"));
     EXPECT_EQ(extractor->progressCount(), 4);
   }
   {
     // Assets imply the meta walk even without option 1.
     auto extractor = makeExtractor(dir, sketch);
-    auto outcome = start(extractor, std::vector<std::string>{"B"}, PlexaExtractExportAssets);
+    auto outcome = startExtraction(extractor, std::vector<std::string>{"B"}, PlexaExtractExportAssets);
     ASSERT_TRUE(pumpMainUntil([&] { return outcome->called; }));
-    EXPECT_TRUE(contains(outcome->names, "B.json"));
-    EXPECT_FALSE(contains(outcome->names, "A.json"));
+    EXPECT_TRUE(outcome->lists("B.json"));
+    EXPECT_FALSE(outcome->lists("A.json"));
     auto info = extractor->syncInfo();
     ASSERT_TRUE(info);
     EXPECT_EQ(info->at("B").at("isSyncing"), 1);
@@ -113,7 +86,7 @@ TEST(PlexaExtractPipeline, ArtboardSelectionAndMetaOptions) {
   {
     // An empty list means no artboards at all: only detaching counts toward the total.
     auto extractor = makeExtractor(dir, sketch);
-    auto outcome = start(extractor, std::vector<std::string>{}, PlexaExtractExportMeta);
+    auto outcome = startExtraction(extractor, std::vector<std::string>{}, PlexaExtractExportMeta);
     ASSERT_TRUE(pumpMainUntil([&] { return outcome->called; }));
     EXPECT_EQ(outcome->names, std::vector<std::string>{"__uploadInfo.json"});
     EXPECT_NEAR(outcome->progress.back().second, 0.2, 1e-9);
@@ -124,7 +97,7 @@ TEST(PlexaExtractPipeline, UnzipFailureReachesTheHostAsTheOneError) {
   TempDir dir;
   writeText(dir / "broken.sketch", "this is not a zip archive");
   auto extractor = makeExtractor(dir, dir / "broken.sketch");
-  auto outcome = start(extractor, std::nullopt, PlexaExtractExportMeta);
+  auto outcome = startExtraction(extractor, std::nullopt, PlexaExtractExportMeta);
   ASSERT_TRUE(pumpMainUntil([&] { return outcome->called; }));
   ASSERT_TRUE(outcome->error);
   EXPECT_EQ(outcome->error->domain, "NSURLErrorDomain");
@@ -137,7 +110,7 @@ TEST(PlexaExtractPipeline, UnzipFailureReachesTheHostAsTheOneError) {
   fixture.addPage(page("P", "Page", JsonArray{artboard("A", "A", frame(0, 0, 10, 10))}));
   fixture.omitEntry("document.json");
   auto second = makeExtractor(dir, fixture.writeSketch(dir / "nodoc.sketch"));
-  auto outcome2 = start(second, std::nullopt, PlexaExtractExportMeta);
+  auto outcome2 = startExtraction(second, std::nullopt, PlexaExtractExportMeta);
   ASSERT_TRUE(pumpMainUntil([&] { return outcome2->called; }));
   EXPECT_TRUE(outcome2->error);
 }
@@ -185,7 +158,7 @@ TEST(PlexaExtractPipeline, StableIdentifiersMakeTwoRunsIdentical) {
     TempDir dir;
     auto extractor = makeExtractor(dir, writeSymbolDocument(dir, "doc.sketch"));
     extractor->stableIdentifiers = stable;
-    auto outcome = start(extractor, std::nullopt, PlexaExtractExportMeta | PlexaExtractDetachV2);
+    auto outcome = startExtraction(extractor, std::nullopt, PlexaExtractExportMeta | PlexaExtractDetachV2);
     ASSERT_TRUE(pumpMainUntil([&] { return outcome->called; }));
     ASSERT_FALSE(outcome->error);
     runs.push_back(outputFiles(*extractor));
@@ -214,7 +187,7 @@ TEST(PlexaExtractPipeline, ARefusedDetachReachesTheHostWithItsReason) {
   fixture.addPage(page("P2", "Symbols", std::move(masters)));
   TempDir dir;
   auto extractor = makeExtractor(dir, fixture.writeSketch(dir / "laughs.sketch"));
-  auto outcome = start(extractor, std::nullopt, PlexaExtractExportMeta | PlexaExtractDetachV2);
+  auto outcome = startExtraction(extractor, std::nullopt, PlexaExtractExportMeta | PlexaExtractDetachV2);
   ASSERT_TRUE(pumpMainUntil([&] { return outcome->called; }, std::chrono::seconds(60)));
   ASSERT_TRUE(outcome->error);
   EXPECT_EQ(outcome->error->code, -1100);
@@ -229,7 +202,7 @@ TEST(PlexaExtractLifecycle, CancelAndReleaseRemoveTheFoldersAndSilenceTheComplet
     std::string output = extractor->outputFolderPath;
     EXPECT_TRUE(PXFileManager::fileExists(output));
     extractor->cancel();
-    auto outcome = start(extractor, std::nullopt, PlexaExtractExportMeta);
+    auto outcome = startExtraction(extractor, std::nullopt, PlexaExtractExportMeta);
     pumpMainUntil([&] { return outcome->called; }, std::chrono::milliseconds(500));
     EXPECT_FALSE(outcome->called);
     EXPECT_FALSE(PXFileManager::fileExists(output));
@@ -238,7 +211,7 @@ TEST(PlexaExtractLifecycle, CancelAndReleaseRemoveTheFoldersAndSilenceTheComplet
   {
     // Cancelled from the first progress report, while the meta walk runs.
     auto extractor = makeExtractor(dir, sketch);
-    auto outcome = std::make_shared<Outcome>();
+    auto outcome = std::make_shared<ExtractionOutcome>();
     std::weak_ptr<PlexaExtract> weak = extractor;
     extractor->progressBlock = [weak](PlexaExtractProcess, double, double) {
       if (auto self = weak.lock()) self->cancel();
@@ -255,10 +228,10 @@ TEST(PlexaExtractLifecycle, CancelAndReleaseRemoveTheFoldersAndSilenceTheComplet
     // extractor then deletes its own output.
     auto extractor = makeExtractor(dir, sketch);
     std::string output = extractor->outputFolderPath;
-    auto outcome = start(extractor, std::nullopt, PlexaExtractExportMeta);
+    auto outcome = startExtraction(extractor, std::nullopt, PlexaExtractExportMeta);
     extractor.reset();
     ASSERT_TRUE(pumpMainUntil([&] { return outcome->called; }));
-    EXPECT_TRUE(contains(outcome->names, "A.json"));
+    EXPECT_TRUE(outcome->lists("A.json"));
     pumpMainUntil([&] { return !PXFileManager::fileExists(output); }, std::chrono::seconds(2));
     EXPECT_FALSE(PXFileManager::fileExists(output));
   }
@@ -302,7 +275,7 @@ TEST(PlexaExtractUploadSupport, MetaDataDescribesSourceHostAndLibrary) {
   TempDir dir;
   auto extractor = makeExtractor(dir, writeDocument(dir));
   PlexaExtract::setHostInfo({"Plexa Host", "42", "4.2"});
-  auto outcome = start(extractor, std::nullopt, 0);
+  auto outcome = startExtraction(extractor, std::nullopt, 0);
   ASSERT_TRUE(pumpMainUntil([&] { return outcome->called; }));
   JsonObject meta = extractor->metaData();
   std::vector<std::string> keys;

@@ -3,6 +3,7 @@
 
 #include "PXSymbolDetacherV2.h"
 
+#include "ArchiveBuilder.h"
 #include "KeyedArchive.h"
 #include "PXMetaText.h"
 #include "TestSupport.h"
@@ -37,64 +38,6 @@ JsonObject textLayer(const std::string& id, const std::string& text, int alignme
   t["attributedString"] = JsonObject{{"_class", "attributedString"}, {"string", text}, {"attributes", JsonArray{run}}};
   return t;
 }
-
-// A keyed archive written by hand the way the platform's archiver writes
-// one, with objects this system's model does not read.
-class HandArchive {
- public:
-  HandArchive() : objects_(plist_new_array()) { add(plist_new_string("$null")); }
-  ~HandArchive() { plist_free(objects_); }
-  HandArchive(const HandArchive&) = delete;
-  HandArchive& operator=(const HandArchive&) = delete;
-
-  uint64_t add(plist_t node) {
-    plist_array_append_item(objects_, node);
-    return plist_array_get_size(objects_) - 1;
-  }
-  uint64_t object(const char* className, std::initializer_list<std::pair<const char*, plist_t>> members) {
-    plist_t node = plist_new_dict();
-    for (const auto& [key, value] : members) plist_dict_set_item(node, key, value);
-    plist_t cls = plist_new_dict();
-    plist_dict_set_item(cls, "$classname", plist_new_string(className));
-    plist_t chain = plist_new_array();
-    plist_array_append_item(chain, plist_new_string(className));
-    plist_dict_set_item(cls, "$classes", chain);
-    plist_dict_set_item(node, "$class", plist_new_uid(add(cls)));
-    return add(node);
-  }
-  plist_t uids(std::initializer_list<uint64_t> list) {
-    plist_t array = plist_new_array();
-    for (uint64_t uid : list) plist_array_append_item(array, plist_new_uid(uid));
-    return array;
-  }
-  uint64_t dictionary(std::initializer_list<std::pair<const char*, uint64_t>> entries) {
-    plist_t keys = plist_new_array(), values = plist_new_array();
-    for (const auto& [key, uid] : entries) {
-      plist_array_append_item(keys, plist_new_uid(add(plist_new_string(key))));
-      plist_array_append_item(values, plist_new_uid(uid));
-    }
-    return object("NSDictionary", {{"NS.keys", keys}, {"NS.objects", values}});
-  }
-  std::string base64(uint64_t root) {
-    plist_t archive = plist_new_dict();
-    plist_dict_set_item(archive, "$archiver", plist_new_string("NSKeyedArchiver"));
-    plist_dict_set_item(archive, "$version", plist_new_uint(100000));
-    plist_t top = plist_new_dict();
-    plist_dict_set_item(top, "root", plist_new_uid(root));
-    plist_dict_set_item(archive, "$top", top);
-    plist_dict_set_item(archive, "$objects", plist_copy(objects_));
-    char* bytes = nullptr;
-    uint32_t length = 0;
-    plist_to_bin(archive, &bytes, &length);
-    std::string out(bytes, length);
-    plist_to_bin_free(bytes);
-    plist_free(archive);
-    return PXBase64Encode(out);
-  }
-
- private:
-  plist_t objects_;
-};
 
 // The archive of a text layer as XML, to see which keys it holds.
 std::string archiveXML(const JsonObject& textLayer) {
@@ -328,20 +271,23 @@ TEST(SymbolTextOverride, RoundTripKeepsFontSizeAndColour) {
 TEST(SymbolTextOverride, KeepsEveryAttributeOfTheFirstCharacter) {
   // Archived form: two runs; the first one's paragraph style leaves the
   // alignment out (natural) and carries tab stops and a text list.
-  HandArchive raw;
-  const uint64_t tab = raw.object("NSTextTab", {{"NSLocation", plist_new_real(28)}});
-  const uint64_t list = raw.object("NSTextList", {{"NSMarkerFormat", plist_new_string("{disc}")}});
-  const uint64_t style = raw.object("NSMutableParagraphStyle", {{"NSTabStops", plist_new_uid(raw.object("NSArray", {{"NS.objects", raw.uids({tab})}}))},
-                                                                 {"NSTextLists", plist_new_uid(raw.object("NSArray", {{"NS.objects", raw.uids({list})}}))},
-                                                                 {"NSParagraphSpacing", plist_new_real(6)}});
+  ArchiveBuilder raw;
+  const auto array = [&](std::initializer_list<uint64_t> items) {
+    return raw.ref(raw.object("NSArray", {{"NS.objects", raw.uids(items)}}));
+  };
+  const uint64_t tab = raw.add(raw.object("NSTextTab", {{"NSLocation", plist_new_real(28)}}));
+  const uint64_t list = raw.add(raw.object("NSTextList", {{"NSMarkerFormat", plist_new_string("{disc}")}}));
+  const uint64_t style = raw.add(raw.object("NSMutableParagraphStyle", {{"NSTabStops", array({tab})},
+                                                                         {"NSTextLists", array({list})},
+                                                                         {"NSParagraphSpacing", plist_new_real(6)}}));
   const uint64_t first = raw.dictionary({{"NSParagraphStyle", style}, {"NSSuperScript", raw.add(plist_new_uint(1))}});
   const uint64_t second = raw.dictionary({{"NSKern", raw.add(plist_new_real(3))}});
   const std::string info("\x06\x00\x06\x01", 4);
-  const uint64_t root = raw.object(
+  const uint64_t root = raw.add(raw.object(
       "NSMutableAttributedString",
-      {{"NSString", plist_new_uid(raw.add(plist_new_string("Secret second")))},
-       {"NSAttributes", plist_new_uid(raw.object("NSArray", {{"NS.objects", raw.uids({first, second})}}))},
-       {"NSAttributeInfo", plist_new_uid(raw.add(plist_new_data(info.data(), info.size())))}});
+      {{"NSString", raw.ref(plist_new_string("Secret second"))},
+       {"NSAttributes", array({first, second})},
+       {"NSAttributeInfo", raw.ref(plist_new_data(info.data(), info.size()))}}));
   JsonObject archived = layer("text", "T", "t", frame(0, 0, 100, 20));
   archived["attributedString"] =
       JsonObject{{"archivedAttributedString", JsonObject{{"_archive", raw.base64(root)}}}};

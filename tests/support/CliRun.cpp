@@ -127,15 +127,23 @@ std::vector<std::string> entriesOf(const std::string& folder) {
 bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 std::string runCliShell(const std::string& arguments, const std::string& environment) {
-  std::string command = environment + " '" + cliPath() + "' " + arguments + " 2>&1";
-  std::string output;
-  FILE* pipe = ::popen(command.c_str(), "r");
-  if (!pipe) return output;
+  return runShell(environment + " '" + cliPath() + "' " + arguments).output;
+}
+
+CliResult runShell(const std::string& command) {
+  CliResult result;
+  FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
+  if (!pipe) return result;
   char buffer[4096];
-  size_t n;
-  while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) output.append(buffer, n);
-  ::pclose(pipe);
-  return output;
+  for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) result.output.append(buffer, n);
+  result.exitCode = exitCodeOf(::pclose(pipe));
+  return result;
+}
+
+Environment withTemp(const std::string& folder, Environment more) {
+  PXFileManager::createDirectory(folder + "/tmp", true);
+  more.emplace_back("TMPDIR", folder + "/tmp");
+  return more;
 }
 
 std::string makeSample(const std::string& folder) {

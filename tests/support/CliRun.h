@@ -48,6 +48,12 @@ class CliProcess {
 // The same through the shell, for tests that write their command line as
 // one string; stdout and stderr together.
 std::string runCliShell(const std::string& arguments, const std::string& environment = "");
+// Any shell command line, run to its end; stdout and stderr together.
+CliResult runShell(const std::string& command);
+
+// An environment giving the program a temporary folder of its own,
+// `folder`/tmp (made here), so that leftovers can be counted.
+Environment withTemp(const std::string& folder, Environment more = {});
 
 // A fresh copy of the sample document in `folder`, made by its generator.
 std::string makeSample(const std::string& folder);

@@ -1,14 +1,18 @@
 #pragma once
 // Small layers for renderer tests: filled shapes as Sketch writes them
-// (points in unit coordinates), and pixel reads from Cairo image surfaces.
+// (points in unit coordinates), outlines, canvases and pixel reads.
 
+#include "RenderTypes.h"
 #include "TestSupport.h"
 
 #include <cairo.h>
+#include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -80,13 +84,57 @@ inline RGBA8 pixelAt(cairo_surface_t* surface, int x, int y) {
   return {channel(16), channel(8), channel(0), a};
 }
 
-inline bool near(const RGBA8& p, const RGBA8& q, int tolerance = 2) {
-  return std::abs(p.r - q.r) <= tolerance && std::abs(p.g - q.g) <= tolerance && std::abs(p.b - q.b) <= tolerance &&
-         std::abs(p.a - q.a) <= tolerance;
-}
-
 inline std::ostream& operator<<(std::ostream& os, const RGBA8& p) {
   return os << "rgba(" << p.r << "," << p.g << "," << p.b << "," << p.a << ")";
 }
+
+inline ::testing::AssertionResult near(const RGBA8& p, const RGBA8& q, int tolerance = 2) {
+  if (std::abs(p.r - q.r) <= tolerance && std::abs(p.g - q.g) <= tolerance && std::abs(p.b - q.b) <= tolerance &&
+      std::abs(p.a - q.a) <= tolerance)
+    return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << p << " is not within " << tolerance << " of " << q;
+}
+
+inline render::Path rectPath(double x, double y, double w, double h) {
+  render::Path p;
+  p.moveTo({x, y}), p.lineTo({x + w, y}), p.lineTo({x + w, y + h}), p.lineTo({x, y + h}), p.close();
+  return p;
+}
+
+// A transparent surface with a context on it; reads straight or raw pixels.
+struct Canvas {
+  std::unique_ptr<cairo_surface_t, decltype(&cairo_surface_destroy)> owned;
+  std::unique_ptr<cairo_t, decltype(&cairo_destroy)> context;
+
+  Canvas(int w, int h, cairo_format_t format = CAIRO_FORMAT_ARGB32)
+      : owned(cairo_image_surface_create(format, w, h), cairo_surface_destroy),
+        context(cairo_create(owned.get()), cairo_destroy) {}
+  cairo_t* cr() const { return context.get(); }
+  cairo_surface_t* surface() const { return owned.get(); }
+  int width() const { return cairo_image_surface_get_width(surface()); }
+  int height() const { return cairo_image_surface_get_height(surface()); }
+
+  RGBA8 at(int x, int y) const { return pixelAt(surface(), x, y); }
+  // The premultiplied ARGB word as stored.
+  uint32_t raw(int x, int y) const { return reinterpret_cast<const uint32_t*>(row(y))[x]; }
+  int alpha(int x, int y) const {
+    if (cairo_image_surface_get_format(surface()) == CAIRO_FORMAT_A8) return row(y)[x];
+    return static_cast<int>(raw(x, y) >> 24);
+  }
+  bool painted(int x, int y) const { return alpha(x, y) > 0; }
+  // Columns 0..width-1 of row y: '#' where alpha reaches `threshold`
+  // (by default: more than half covered).
+  std::string coverageRow(int y, int threshold = 128) const {
+    std::string text;
+    for (int x = 0; x < width(); ++x) text += alpha(x, y) >= threshold ? '#' : '.';
+    return text;
+  }
+
+ private:
+  const unsigned char* row(int y) const {
+    cairo_surface_flush(surface());
+    return cairo_image_surface_get_data(surface()) + y * cairo_image_surface_get_stride(surface());
+  }
+};
 
 }  // namespace plexa::test

@@ -43,9 +43,10 @@ TempDir::TempDir() : path_(PXFileManager::makeTemporaryDirectory("plexa-test")) 
 TempDir::~TempDir() { PXFileManager::removeItem(path_); }
 
 LogCapture::LogCapture() {
-  PXLogSetObserver([this](unsigned, const std::string& message) {
+  PXLogSetObserver([this](unsigned flag, const std::string& message) {
     std::lock_guard lock(mutex_);
     messages_.push_back(message);
+    flags_.push_back(flag);
   });
 }
 LogCapture::~LogCapture() { PXLogSetObserver({}); }
@@ -53,6 +54,14 @@ LogCapture::~LogCapture() { PXLogSetObserver({}); }
 std::vector<std::string> LogCapture::messages() const {
   std::lock_guard lock(mutex_);
   return messages_;
+}
+
+std::vector<std::string> LogCapture::at(unsigned flag) const {
+  std::lock_guard lock(mutex_);
+  std::vector<std::string> out;
+  for (size_t i = 0; i < messages_.size(); ++i)
+    if (flags_[i] == flag) out.push_back(messages_[i]);
+  return out;
 }
 
 bool LogCapture::contains(const std::string& fragment) const { return count(fragment) > 0; }
@@ -84,6 +93,12 @@ JsonValue readJson(const std::string& path) {
 void writeText(const std::string& path, const std::string& text) {
   PXFileManager::createDirectory(PXDeletingLastPathComponent(path), true);
   std::ofstream(path, std::ios::binary) << text;
+}
+
+std::string writeScript(const std::string& path, const std::string& body) {
+  writeText(path, "#!/bin/sh\n" + body + "\n");
+  std::filesystem::permissions(path, std::filesystem::perms(0755));
+  return path;
 }
 
 JsonObject frame(double x, double y, double w, double h) {
@@ -259,6 +274,22 @@ std::string plistXML(const std::string& binary) {
   if (xml) plist_to_xml_free(xml);
   plist_free(parsed);
   return text;
+}
+
+std::vector<ToolRun> toolRuns(const std::string& logPath) {
+  std::vector<ToolRun> runs;
+  std::istringstream lines(PXFileManager::readFile(logPath).value_or(""));
+  for (std::string line; std::getline(lines, line);) {
+    std::istringstream fields(line);
+    std::string event, kind, items;
+    ToolRun run;
+    fields >> event >> run.start >> run.pid >> kind >> items;
+    run.items = items.empty() ? 0 : std::count(items.begin(), items.end(), ',') + 1;
+    if (event == "start") runs.push_back(run);
+    for (auto& started : runs)
+      if (event == "end" && started.pid == run.pid) started.end = run.start;
+  }
+  return runs;
 }
 
 std::vector<std::string> corpusDocuments() {

@@ -64,10 +64,13 @@ class LogCapture {
   std::vector<std::string> messages() const;
   bool contains(const std::string& fragment) const;
   size_t count(const std::string& fragment) const;
+  // The messages logged with this flag, to tell errors from warnings.
+  std::vector<std::string> at(unsigned flag) const;
 
  private:
   mutable std::mutex mutex_;
   std::vector<std::string> messages_;
+  std::vector<unsigned> flags_;
 };
 
 // Runs the main queue until `pred` holds (true) or `timeout` passes (false).
@@ -77,6 +80,8 @@ bool pumpMainUntil(const std::function<bool()>& pred,
 std::string readText(const std::string& path);
 JsonValue readJson(const std::string& path);
 void writeText(const std::string& path, const std::string& text);
+// An executable shell script with this body; returns its path.
+std::string writeScript(const std::string& path, const std::string& body);
 
 // Layer builders with the keys Sketch always writes.
 JsonObject frame(double x, double y, double w, double h);
@@ -125,6 +130,16 @@ std::string writeButtonDocument(const std::string& path);
 // A binary property list (a keyed archive) as XML text, to check the keys
 // and classes it holds; "" when it does not parse.
 std::string plistXML(const std::string& binary);
+
+// One run the fake sketchtool logged (PLEXA_FAKE_SKETCHTOOL_LOG): when it
+// started and ended (0: never), its pid, and how many items it got.
+struct ToolRun {
+  long long start = 0;
+  long long end = 0;
+  int pid = 0;
+  size_t items = 0;
+};
+std::vector<ToolRun> toolRuns(const std::string& logPath);
 
 // The corpus of real documents, or empty when the folder is absent.
 std::vector<std::string> corpusDocuments();
