@@ -151,11 +151,23 @@ void boxColumns(const Plane& src, const Plane& dst, const Box& box, std::vector<
   }
 }
 
-// Direct kernel along one row; `src` has kernel.size() / 2 zero pixels either side.
+// Direct kernel along one row; `src` has kernel.size() / 2 zero pixels either
+// side. Where the kernel covers only equal pixels the result is that pixel
+// (the weights sum to one exactly), so flat runs — the inside and outside of
+// a shadow's shape — are copied instead of summed.
 template <int C>
 void kernelRow(const uint8_t* __restrict src, uint8_t* __restrict dst, int n, const std::vector<uint32_t>& kernel) {
   int reach = static_cast<int>(kernel.size() / 2);
+  auto changesAt = [&](int j) { return std::memcmp(src + j * C, src + (j - 1) * C, C) != 0; };
+  int lastChange = -2 * reach - 1;  // the last pixel j <= i + reach that differs from pixel j - 1
+  for (int j = 1 - reach; j < reach; ++j)
+    if (changesAt(j)) lastChange = j;
   for (int i = 0; i < n; ++i) {
+    if (changesAt(i + reach)) lastChange = i + reach;
+    if (lastChange <= i - reach) {
+      for (int c = 0; c < C; ++c) dst[i * C + c] = src[i * C + c];
+      continue;
+    }
     uint32_t sum[C];
     for (int c = 0; c < C; ++c) sum[c] = 1u << (kKernelShift - 1);
     for (int k = -reach; k <= reach; ++k)
@@ -164,19 +176,57 @@ void kernelRow(const uint8_t* __restrict src, uint8_t* __restrict dst, int n, co
   }
 }
 
-void kernelColumns(const Plane& src, const Plane& dst, const std::vector<uint32_t>& kernel, std::vector<uint32_t>& sums) {
-  int reach = static_cast<int>(kernel.size() / 2), bytes = src.rowBytes();
-  for (int y = 0; y < src.height; ++y) {
-    sums.assign(bytes, 1u << (kKernelShift - 1));
-    for (int k = std::max(-reach, -y); k <= std::min(reach, src.height - 1 - y); ++k) {
-      const uint8_t* row = src.row(y + k);
-      uint32_t weight = kernel[k + reach];
-      for (int x = 0; x < bytes; ++x) sums[x] += weight * row[x];
-    }
-    uint8_t* target = dst.row(y);
-    for (int x = 0; x < bytes; ++x) target[x] = static_cast<uint8_t>(sums[x] >> kKernelShift);
+// The column pass of the direct kernel, with the same shortcut as kernelRow:
+// `lastChange[x]` is the last row, up to y + reach, where byte x differs from
+// the row above (rows outside the plane are zero); bytes whose window holds
+// no change keep their value, the others are summed in spans.
+struct ColumnKernel {
+  const Plane& src;
+  const Plane& dst;
+  const std::vector<uint32_t>& kernel;
+  const std::vector<uint8_t>& zeros;
+  std::vector<uint32_t>& sums;
+  std::vector<int>& lastChange;
+  int reach = static_cast<int>(kernel.size() / 2);
+
+  const uint8_t* rowAt(int r) const { return r >= 0 && r < src.height ? src.row(r) : zeros.data(); }
+
+  void noteChanges(int r) {
+    const uint8_t* __restrict row = rowAt(r);
+    const uint8_t* __restrict above = rowAt(r - 1);
+    int* __restrict last = lastChange.data();
+    for (int x = 0; x < src.rowBytes(); ++x) last[x] = row[x] != above[x] ? r : last[x];
   }
-}
+
+  void sumSpan(int y, int from, int to) {
+    uint32_t* __restrict total = sums.data();
+    for (int x = from; x < to; ++x) total[x] = 1u << (kKernelShift - 1);
+    for (int k = std::max(-reach, -y); k <= std::min(reach, src.height - 1 - y); ++k) {
+      const uint8_t* __restrict row = src.row(y + k);
+      uint32_t weight = kernel[k + reach];
+      for (int x = from; x < to; ++x) total[x] += weight * row[x];
+    }
+    uint8_t* __restrict target = dst.row(y);
+    for (int x = from; x < to; ++x) target[x] = static_cast<uint8_t>(total[x] >> kKernelShift);
+  }
+
+  void run() {
+    const int bytes = src.rowBytes();
+    sums.resize(bytes);
+    lastChange.assign(bytes, -2 * reach - 1);
+    for (int r = 1 - reach; r < reach; ++r) noteChanges(r);
+    for (int y = 0; y < src.height; ++y) {
+      noteChanges(y + reach);
+      for (int x = 0; x < bytes;) {
+        const int start = x;
+        const bool flat = lastChange[x] <= y - reach;
+        while (x < bytes && (lastChange[x] <= y - reach) == flat) ++x;
+        if (flat) std::memcpy(dst.row(y) + start, src.row(y) + start, x - start);
+        else sumSpan(y, start, x);
+      }
+    }
+  }
+};
 
 // Runs `columns` (image → scratch) then `rows` (scratch row → image row).
 template <int C, typename ColumnPass, typename RowPass>
@@ -194,8 +244,10 @@ void gaussianPlane(const Plane& image, double sigma) {
   if (sigma < kSmallSigma) {
     auto kernel = smallKernel(sigma);
     PaddedRow padded(image.width, static_cast<int>(kernel.size() / 2), C);
+    std::vector<uint8_t> zeros(image.rowBytes());
+    std::vector<int> lastChange;
     separable<C>(
-        image, [&](const Plane& src, const Plane& dst) { kernelColumns(src, dst, kernel, sums); },
+        image, [&](const Plane& src, const Plane& dst) { ColumnKernel{src, dst, kernel, zeros, sums, lastChange}.run(); },
         [&](const uint8_t* src, uint8_t* dst) {
           std::memcpy(padded.data(), src, image.rowBytes());
           kernelRow<C>(padded.data(), dst, image.width, kernel);

@@ -5,9 +5,11 @@
 #include "Effects.h"
 
 #include "DeviceArea.h"
+#include "ShadowMaskCache.h"
 
 #include <algorithm>
 #include <cmath>
+#include <string>
 
 namespace plexa::render {
 
@@ -128,6 +130,52 @@ DeviceArea neededArea(cairo_t* cr, const DeviceArea& silhouette, int reach) {
 Rect grownRect(const Rect& r, double by) { return {r.x - by, r.y - by, r.width + 2 * by, r.height + 2 * by}; }
 Rect movedRect(const Rect& r, Offset o) { return {r.x + o.x, r.y + o.y, r.width, r.height}; }
 
+template <typename T>
+void appendBits(std::string& key, const T& value) {
+  key.append(reinterpret_cast<const char*>(&value), sizeof value);
+}
+
+// Everything that decides a path shadow's blurred mask: the transform
+// relative to the mask's corner, the mask's size, the outline and the
+// shadow's geometry. Colour and blending are applied later and left out.
+std::string maskKey(cairo_t* cr, const DeviceArea& area, char kind, const Path& outline,
+                    const Silhouette* silhouette, const Shadow& shadow) {
+  std::string key(1, kind);
+  cairo_matrix_t m;
+  cairo_get_matrix(cr, &m);
+  for (double value : {m.xx, m.yx, m.xy, m.yy, m.x0 - area.x0, m.y0 - area.y0, cairo_get_tolerance(cr), shadow.offsetX,
+                       shadow.offsetY, shadow.blurRadius, shadow.spread})
+    appendBits(key, value);
+  appendBits(key, area.width());
+  appendBits(key, area.height());
+  if (silhouette) {
+    appendBits(key, silhouette->filled);
+    appendBits(key, silhouette->borderThickness);
+    appendBits(key, silhouette->borderPosition);
+  }
+  appendBits(key, outline.evenOdd);
+  for (const auto& element : outline.elements()) {
+    key.push_back(static_cast<char>(element.verb));
+    int points = element.verb == Path::Verb::Cubic ? 3 : element.verb == Path::Verb::Close ? 0 : 1;
+    for (int i = 0; i < points; ++i) appendBits(key, element.points[i].x), appendBits(key, element.points[i].y);
+  }
+  return key;
+}
+
+// The blurred mask for `key` from the drawing's cache, or made by `draw`
+// (which draws the unblurred alpha into a fresh mask) and kept.
+template <typename Draw>
+SurfaceRef blurredMask(cairo_t* cr, const DeviceArea& area, double radius, const std::string& key, Draw draw) {
+  ShadowMaskCache* cache = ShadowMaskCache::of(cr);
+  if (SurfaceRef kept = cache ? cache->find(key) : SurfaceRef()) return kept;
+  SurfaceRef mask = SurfaceRef::adopt(createAreaSurface(CAIRO_FORMAT_A8, area));
+  if (!mask) return mask;
+  draw(mask.get());
+  gaussianBlur(mask.get(), radius);
+  if (cache) cache->keep(key, mask);
+  return mask;
+}
+
 void paintOuterShadow(cairo_t* cr, const Path& outline, const Silhouette& silhouette, const Shadow& shadow) {
   double spread = spreadOf(shadow);
   double radius = blurPx(cr, shadow);
@@ -135,15 +183,15 @@ void paintOuterShadow(cairo_t* cr, const Path& outline, const Silhouette& silhou
   double growth = std::max(0.0, sidesOf(silhouette).outside + spread) * kSpreadMiterLimit;
   Rect userBounds = movedRect(grownRect(outline.bounds(), growth), offsetOf(shadow));
   DeviceArea area = neededArea(cr, deviceAreaOf(cr, userBounds), reach);
-  cairo_surface_t* mask = area.isEmpty() ? nullptr : createAreaSurface(CAIRO_FORMAT_A8, area);
-  if (!mask) return;
-  cairo_t* drawer = drawerFor(cr, mask, area);
-  cairo_translate(drawer, offsetOf(shadow).x, offsetOf(shadow).y);
-  drawSilhouette(drawer, outline, silhouette, spread);
-  cairo_destroy(drawer);
-  gaussianBlur(mask, radius);
-  paintThroughMask(cr, shadow, mask, area);
-  cairo_surface_destroy(mask);
+  if (area.isEmpty()) return;
+  SurfaceRef mask = blurredMask(cr, area, radius, maskKey(cr, area, 'o', outline, &silhouette, shadow),
+                                [&](cairo_surface_t* target) {
+                                  cairo_t* drawer = drawerFor(cr, target, area);
+                                  cairo_translate(drawer, offsetOf(shadow).x, offsetOf(shadow).y);
+                                  drawSilhouette(drawer, outline, silhouette, spread);
+                                  cairo_destroy(drawer);
+                                });
+  if (mask) paintThroughMask(cr, shadow, mask.get(), area);
 }
 
 void paintInnerShadow(cairo_t* cr, const Path& outline, const Shadow& shadow) {
@@ -152,25 +200,25 @@ void paintInnerShadow(cairo_t* cr, const Path& outline, const Shadow& shadow) {
   int reach = gaussianReach(radius);
   DeviceArea shown = deviceAreaOf(cr, outline.bounds()).intersectedWith(deviceClipOf(cr));
   DeviceArea area = shown.grownBy(reach).limitedToImageSize();
-  cairo_surface_t* mask = area.isEmpty() ? nullptr : createAreaSurface(CAIRO_FORMAT_A8, area);
-  if (!mask) return;
+  if (area.isEmpty()) return;
   // Everything but the moved outline casts: paint all, cut the hole, then
   // shrink the hole by the spread (or widen it for a negative spread).
-  cairo_t* drawer = drawerFor(cr, mask, area);
-  cairo_paint(drawer);
-  cairo_translate(drawer, offsetOf(shadow).x, offsetOf(shadow).y);
-  fillOutline(drawer, outline, CAIRO_OPERATOR_DEST_OUT);
-  strokeOutline(drawer, outline, 2 * spread, CAIRO_OPERATOR_OVER);
-  strokeOutline(drawer, outline, -2 * spread, CAIRO_OPERATOR_DEST_OUT);
-  cairo_destroy(drawer);
-  gaussianBlur(mask, radius);
-
+  SurfaceRef mask = blurredMask(cr, area, radius, maskKey(cr, area, 'i', outline, nullptr, shadow),
+                                [&](cairo_surface_t* target) {
+                                  cairo_t* drawer = drawerFor(cr, target, area);
+                                  cairo_paint(drawer);
+                                  cairo_translate(drawer, offsetOf(shadow).x, offsetOf(shadow).y);
+                                  fillOutline(drawer, outline, CAIRO_OPERATOR_DEST_OUT);
+                                  strokeOutline(drawer, outline, 2 * spread, CAIRO_OPERATOR_OVER);
+                                  strokeOutline(drawer, outline, -2 * spread, CAIRO_OPERATOR_DEST_OUT);
+                                  cairo_destroy(drawer);
+                                });
+  if (!mask) return;
   cairo_save(cr);
   setOutline(cr, outline);
   cairo_clip(cr);
-  paintThroughMask(cr, shadow, mask, area);
+  paintThroughMask(cr, shadow, mask.get(), area);
   cairo_restore(cr);
-  cairo_surface_destroy(mask);
 }
 
 DeviceArea areaOf(const DeviceImage& image) {

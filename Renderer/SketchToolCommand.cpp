@@ -91,6 +91,7 @@ class Exporter {
       : request_(request), say_(say) {}
 
   int run();
+  std::unique_ptr<SketchDocument> takeDocument() { return std::move(document_); }
 
  private:
   void exportArtboard(const std::string& id);
@@ -151,10 +152,13 @@ int Exporter::run() {
   return failures_ == 0 ? 0 : 1;
 }
 
+// Only the top-level layer that holds the item is built, unless the item is
+// a slice: slices draw everything on the page beneath them.
 std::optional<NodeLocation> Exporter::locate(const std::string& id) {
-  auto pageID = document_->pageIDForLayer(id);
-  const ScenePage* page = pageID ? document_->scenePage(*pageID) : nullptr;
-  return page ? locateNode(*page, id) : std::nullopt;
+  auto location = document_->locate(id);
+  if (location && location->node->kind == NodeKind::Slice)
+    location = document_->locate(id, true);
+  return location;
 }
 
 bool Exporter::checkSize(const std::string& what, const Rect& region, double scale) {
@@ -312,6 +316,14 @@ std::optional<ExportRequest> parseExportArguments(const std::vector<std::string>
 int runExport(const ExportRequest& request, const std::function<void(const std::string&)>& say) {
   Exporter exporter(request, say);
   return exporter.run();
+}
+
+int runExport(const ExportRequest& request, const std::function<void(const std::string&)>& say,
+              std::unique_ptr<SketchDocument>& keep) {
+  Exporter exporter(request, say);
+  int status = exporter.run();
+  keep = exporter.takeDocument();
+  return status;
 }
 
 std::optional<std::string> documentMetadata(const std::string& document, std::string* error) {

@@ -7,11 +7,14 @@
 #include "Scene.h"
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace plexa::render {
+
+class SketchDocument;
 
 enum class ExportKind { Artboards, Layers, Pages };
 
@@ -37,6 +40,10 @@ inline constexpr long long kMaxImagePixels = 100'000'000;
 // Each output line (without its newline) goes to `say`. Returns 0 when every
 // item was exported, 1 when any was not.
 int runExport(const ExportRequest& request, const std::function<void(const std::string&)>& say);
+// The same, handing the opened document to `keep` instead of freeing it: a
+// process that exits straight after need not take its JSON apart.
+int runExport(const ExportRequest& request, const std::function<void(const std::string&)>& say,
+              std::unique_ptr<SketchDocument>& keep);
 
 // `metadata`: the document's meta.json, pretty-printed. nullopt when unreadable.
 std::optional<std::string> documentMetadata(const std::string& document, std::string* error);

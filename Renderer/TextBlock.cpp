@@ -285,16 +285,98 @@ void insertAttribute(PangoAttrList* list, PangoAttribute* attribute, guint start
   pango_attr_list_insert(list, attribute);
 }
 
-void addRunAttributes(PangoAttrList* list, const TextRun& run, guint start, guint end) {
-  PangoFontDescription* description = pangoDescriptionForFace(run.font);
+void insertFontAttribute(PangoAttrList* list, const TextFace& face, double scale, guint start, guint end) {
+  TextFace sized = face;
+  sized.size *= scale;
+  PangoFontDescription* description = pangoDescriptionForFace(sized);
   insertAttribute(list, pango_attr_font_desc_new(description), start, end);
   pango_font_description_free(description);
+}
+
+void insertSpacing(PangoAttrList* list, double spacing, guint start, guint end) {
+  if (spacing != 0)
+    insertAttribute(list, pango_attr_letter_spacing_new(static_cast<int>(spacing * PANGO_SCALE)), start, end);
+}
+
+// Ideographs and kana keep their one-em size whatever stands in for a face;
+// only the stand-in's own (proportional) glyphs take its glyph scale. The
+// zero-width breaks put between kana stay with them.
+bool isProportional(gunichar c) {
+  if (g_unichar_iszerowidth(c)) return false;
+  switch (g_unichar_get_script(c)) {
+    case G_UNICODE_SCRIPT_HAN: case G_UNICODE_SCRIPT_HIRAGANA: case G_UNICODE_SCRIPT_KATAKANA:
+    case G_UNICODE_SCRIPT_BOPOMOFO: case G_UNICODE_SCRIPT_HANGUL:
+      return false;
+    default: return !g_unichar_iswide(c);
+  }
+}
+
+// Calls `segment(from, to, proportional)` for each stretch of [start, end)
+// in `text` whose characters agree on isProportional.
+template <typename Segment>
+void forEachScriptSegment(const std::string& text, guint start, guint end, Segment segment) {
+  const auto proportionalAt = [&](guint at) { return isProportional(g_utf8_get_char(text.c_str() + at)); };
+  guint from = start;
+  for (guint at = start; at < end;) {
+    const guint next = std::min(end, static_cast<guint>(g_utf8_next_char(text.c_str() + at) - text.c_str()));
+    if (next == end || proportionalAt(next) != proportionalAt(from)) {
+      segment(from, next, proportionalAt(from));
+      from = next;
+    }
+    at = next;
+  }
+}
+
+// The characters take the missing face's advances, which the stand-in's own
+// times `advanceScale` approximate: as one spacing over the stretch (on top
+// of the run's kerning), since Pango spaces letters only within a run of
+// equal spacing.
+void insertAdvanceSpacing(PangoContext* context, PangoAttrList* list, const TextRun& run, const std::string& text,
+                          guint start, guint end) {
+  const TextFace& face = run.font;
+  TextFace sized = face;
+  sized.size *= face.glyphScale;
+  PangoFontDescription* description = pangoDescriptionForFace(sized);
+  PangoFont* font = pango_context_load_font(context, description);
+  pango_font_description_free(description);
+  hb_font_t* hbFont = font ? pango_font_get_hb_font(font) : nullptr;
+  int xScale = 0, yScale = 0;
+  if (hbFont) hb_font_get_scale(hbFont, &xScale, &yScale);
+  double advancesEm = 0;
+  int characters = 0;
+  for (const char* p = text.c_str() + start; p < text.c_str() + end; p = g_utf8_next_char(p), ++characters) {
+    hb_codepoint_t glyph = 0;
+    if (xScale > 0 && hb_font_get_nominal_glyph(hbFont, g_utf8_get_char(p), &glyph))
+      advancesEm += static_cast<double>(hb_font_get_glyph_h_advance(hbFont, glyph)) / xScale;
+  }
+  if (font) g_object_unref(font);
+  const double meanAdvance = characters > 0 ? advancesEm / characters * face.size : 0;
+  insertSpacing(list, run.kerning + meanAdvance * (face.advanceScale - face.glyphScale), start, end);
+}
+
+// Font and letter spacing; a stand-in with its own glyph and advance scales
+// gets them on its proportional characters only.
+void addFontAttributes(PangoContext* context, PangoAttrList* list, const TextRun& run, const std::string& text,
+                       guint start, guint end) {
+  const TextFace& face = run.font;
+  if (face.glyphScale == 1 && face.advanceScale == 1) {
+    insertFontAttribute(list, face, 1, start, end);
+    return insertSpacing(list, run.kerning, start, end);
+  }
+  forEachScriptSegment(text, start, end, [&](guint from, guint to, bool proportional) {
+    insertFontAttribute(list, face, proportional ? face.glyphScale : 1, from, to);
+    if (proportional && face.advanceScale != face.glyphScale) insertAdvanceSpacing(context, list, run, text, from, to);
+    else insertSpacing(list, run.kerning, from, to);
+  });
+}
+
+void addRunAttributes(PangoContext* context, PangoAttrList* list, const TextRun& run, const std::string& text,
+                      guint start, guint end) {
+  addFontAttributes(context, list, run, text, start, end);
   insertAttribute(list, pango_attr_foreground_new(channel16(run.color.r), channel16(run.color.g), channel16(run.color.b)),
                   start, end);
   // Pango reads an alpha of 0 as "unset": the faintest it has stands in.
   insertAttribute(list, pango_attr_foreground_alpha_new(std::max<guint16>(1, channel16(run.color.a))), start, end);
-  if (run.kerning != 0)
-    insertAttribute(list, pango_attr_letter_spacing_new(static_cast<int>(run.kerning * PANGO_SCALE)), start, end);
   // Underlines and strike-throughs are drawn as bars of their own (see
   // decorationBars), where Macs put them.
   if (run.baselineOffset != 0)
@@ -348,7 +430,8 @@ LayoutPtr paragraphLayout(PangoContext* context, const TextParagraph& paragraph,
     if (wrapWidth && run.kerning == 0) appendWithKanaBreaks(text, run.text, previous);
     else text += run.text, previous = 0;
     spans.push_back({start, text.size(), &run});
-    if (text.size() > start) addRunAttributes(list, run, static_cast<guint>(start), static_cast<guint>(text.size()));
+    if (text.size() > start)
+      addRunAttributes(context, list, run, text, static_cast<guint>(start), static_cast<guint>(text.size()));
   }
   // Empty lines take their height from this font.
   PangoFontDescription* description = pangoDescriptionForFace(paragraph.runs.front().font);

@@ -52,6 +52,12 @@ struct TextFace {
   // part of the default line height, but where the paragraph sets a line
   // height Sketch puts it above the glyphs.
   double ascentEm = 0, descentEm = 0, lineGapEm = 0;
+  // How much larger than its point size a stand-in draws its proportional
+  // (Latin, not CJK) glyphs so that they take the missing face's size and
+  // advances; 1 for installed faces.
+  double glyphScale = 1;
+  // The missing face's advances over the stand-in's at the same size.
+  double advanceScale = 1;
 };
 
 struct TextRun {

@@ -2,7 +2,9 @@
 // output lines of Sketch's own command-line tool, so the extractor drives it
 // as it would drive Sketch's.
 
+#include "AllocatorTuning.h"
 #include "Log.h"
+#include "SketchDocument.h"
 #include "SketchToolCommand.h"
 
 #include <cstdio>
@@ -50,6 +52,7 @@ int usageError(const std::string& message) {
 int main(int argc, char** argv) {
   using namespace plexa::render;
   plexa::PXLogSetLevelMask(plexa::PXLogLevelWarning);
+  plexa::PXKeepFreedMemoryForReuse();
   std::vector<std::string> args(argv + 1, argv + argc);
   if (args.empty()) return usageError("no command given");
   if (args[0] == "--help" || args[0] == "-h" || args[0] == "help") {
@@ -71,5 +74,8 @@ int main(int argc, char** argv) {
   std::string error;
   auto request = parseExportArguments({args.begin() + 1, args.end()}, &error);
   if (!request) return usageError(error);
-  return runExport(*request, say);
+  // The document is left for the exit to reclaim: taking its pages and
+  // scenes apart would cost more than the exit itself.
+  auto* document = new std::unique_ptr<SketchDocument>();
+  return runExport(*request, say, *document);
 }

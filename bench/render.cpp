@@ -4,6 +4,9 @@
 // (1280 × 2326, 130 shadows) on its own.
 //
 //   build/bench/render [document.sketch ...]
+//
+// PLEXA_BENCH_SKETCHTOOL names another plexa-sketchtool to time (an older
+// build, say) in place of the one beside this benchmark.
 
 #include "Json.h"
 #include "Zip.h"
@@ -21,7 +24,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
-const std::string kTool = PLEXA_BENCH_BINARY_DIR "/../plexa-sketchtool";
+std::string toolPath() {
+  const char* chosen = std::getenv("PLEXA_BENCH_SKETCHTOOL");
+  return chosen && *chosen ? chosen : PLEXA_BENCH_BINARY_DIR "/../plexa-sketchtool";
+}
+
+const std::string kTool = toolPath();
 const std::string kRefs = PLEXA_CORPUS_DIR "/../render-refs";
 
 void collectBoards(const JsonValue& layer, std::vector<std::string>& ids, bool top) {
