@@ -16,6 +16,32 @@ Rect frameRect(const Node& node) { return {0, 0, node.placement.frame.width, nod
 
 bool isGrouped(const Style& style) { return style.opacity < 1 || style.blendMode != BlendMode::Normal; }
 
+// Whether everything the layer draws lies within drawnBounds(): text may run
+// past its frame (Sketch does not clip it) and blurs spread past it, while a
+// board clips whatever it holds.
+bool staysInDrawnBounds(const Node& node) {
+  if (node.kind == NodeKind::Artboard || node.kind == NodeKind::SymbolMaster) return !node.style.blur;
+  if (node.kind == NodeKind::Text || node.style.blur) return false;
+  for (const auto& child : node.children)
+    if (child->isVisible && !staysInDrawnBounds(*child)) return false;
+  return true;
+}
+
+// A group surface is as large as the clip: cutting the clip to the pixels the
+// layer can touch keeps a faded shape from costing a whole artboard of memory.
+void clipToDevicePixels(cairo_t* cr, const Rect& bounds) {
+  cairo_matrix_t toDevice;
+  cairo_get_matrix(cr, &toDevice);
+  Rect box = transformedBounds(bounds, toDevice);
+  if (!std::isfinite(box.x) || !std::isfinite(box.y) || !std::isfinite(box.width) || !std::isfinite(box.height)) return;
+  double x0 = std::floor(box.x) - 2, y0 = std::floor(box.y) - 2;
+  double x1 = std::ceil(box.x + box.width) + 2, y1 = std::ceil(box.y + box.height) + 2;
+  cairo_identity_matrix(cr);
+  cairo_rectangle(cr, x0, y0, x1 - x0, y1 - y0);
+  cairo_clip(cr);
+  cairo_set_matrix(cr, &toDevice);
+}
+
 Silhouette silhouetteOf(const Style& style) {
   Silhouette silhouette;
   silhouette.filled = !style.fills.empty();
@@ -67,7 +93,10 @@ void Painter::drawNode(cairo_t* cr, const Node& node) {
   cairo_transform(cr, &m);
   const Style& style = node.style;
   bool grouped = isGrouped(style);
-  if (grouped) cairo_push_group(cr);
+  if (grouped) {
+    if (staysInDrawnBounds(node)) clipToDevicePixels(cr, drawnBounds(node));
+    cairo_push_group(cr);
+  }
   if (style.blur && style.blur->kind != BlurKind::Background) {
     paintBlurred(cr, drawnBounds(node), frameRect(node), *style.blur, [&](cairo_t* c) { drawContent(c, node); });
   } else {

@@ -134,6 +134,12 @@ TEST(RenderPainter, BoardsPaintTheirLayersAsSketchDoes) {
                            filledRect("B", 10, 0, 30, 40, colorJSON(1, 0, 0))}),
                     0.5, 0)},
        {{20, 20, {255, 0, 0, 128}}, {5, 20, {255, 0, 0, 128}}}},
+      // A faded group is drawn on a surface cut to what it draws, which
+      // must still hold a child lying outside the group's own frame.
+      {"faded group with a child past its frame",
+       {withContext(with(group({filledRect("FAR", 25, 25, 10, 10, colorJSON(1, 0, 0))}), {{"frame", frame(0, 0, 10, 10)}}),
+                    0.5, 0)},
+       {{30, 30, {255, 0, 0, 128}}, {34, 34, {255, 0, 0, 128}}, {5, 5, kClear}}},
       {"normal blend", blended(0), {{20, 20, {128, 128, 255, 255}}}},
       {"darken", blended(1), {{20, 20, {128, 128, 0, 255}}}},
       {"multiply", blended(2), {{20, 20, {128, 64, 0, 255}}}},
