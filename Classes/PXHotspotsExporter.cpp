@@ -27,9 +27,10 @@ void checkOutputFolder(const std::string& outputFolder) {
 }
 
 // An artboard ID names a file: it must land directly in the output folder.
-bool isSafeFileDestination(const std::string& artboardID, const std::string& outputFolder, const std::string& path) {
-  if (artboardID.find('/') != std::string::npos || artboardID.find('\0') != std::string::npos) return false;
-  return PXResolveInside(outputFolder, path).has_value();
+// Such a name cannot leave the folder, and a link found at it is replaced on
+// writing, never followed.
+bool isSafeFileDestination(const std::string& artboardID) {
+  return artboardID.find('/') == std::string::npos && artboardID.find('\0') == std::string::npos;
 }
 
 }  // namespace
@@ -52,7 +53,9 @@ PXHotspotsExporter::~PXHotspotsExporter() {
 void PXHotspotsExporter::cancel() { cancelled_.store(true); }
 
 JsonArray PXHotspotsExporter::hotspotMetaForArtboardID(const std::string& artboardID, double scale) {
-  auto artboard = reader ? reader->artboardJSONByID(artboardID) : std::nullopt;
+  // The layer stays in the reader's page, read in place: copying every
+  // artboard just to find a few links cost more than the walk.
+  auto artboard = reader ? reader->artboardByID(artboardID) : nullptr;
   PXSyncPrototypingMetaExtraction extraction(std::move(artboard), scale, sketchFilePath);
   extraction.delegate = weak_from_this();
   return extraction.extract();
@@ -68,12 +71,14 @@ void PXHotspotsExporter::exportHotspotsForArtboardIDs(const std::vector<std::str
     if (isCancelled()) break;
     std::string path = fmt::format("{}/{}-hotspots.json", outputFolder, artboardID);
     bool written = false;
-    if (!isSafeFileDestination(artboardID, outputFolder, path)) {
+    if (!isSafeFileDestination(artboardID)) {
       PXLogVerbose("PXHotspotsExporter refused artboard ID {}: its file would not lie directly in {}", artboardID,
                    outputFolder);
     } else {
       try {
-        written = PXFileWriter::writeJSON(hotspotMetaForArtboardID(artboardID, scale), true, path);
+        // The output folder is the run's own: files go straight to their place.
+        written = PXFileWriter::writeJSON(hotspotMetaForArtboardID(artboardID, scale), true, path,
+                                          PXFileWriter::Placement::direct);
       } catch (const std::exception& e) {
         PXLogVerbose("PXHotspotsExporter could not read artboard {}: {}", artboardID, e.what());
       }

@@ -132,16 +132,15 @@ std::optional<std::string> PXMetaExporter::formattedMetaJSONFileForArtboardID(co
     return std::nullopt;
   }
 
-  std::string error;
-  if (!PXFileManager::createDirectory(outputFolder, true, &error))
-    PXLogVerbose("PXMetaExporter could not create {}: {}", outputFolder, error);
-
-  if (!PXFileWriter::writeJSON(meta, true, *metaPath)) {
+  prepareOutputFolder(outputFolder);
+  // The output folder is the run's own: files go straight to their place.
+  constexpr auto placement = PXFileWriter::Placement::direct;
+  if (!PXFileWriter::writeJSON(meta, true, *metaPath, placement)) {
     PXNSLog("PXMetaExporter crash find: 4.2");
     PXLogVerbose("PXMetaExporter unable to write formatted meta {}", artboardID + ".json");
   }
   if (auto paths = meta.find("__exportedImagePaths"); paths != meta.end()) {
-    if (!PXFileWriter::writeJSON(paths->value(), true, *pathsPath)) {
+    if (!PXFileWriter::writeJSON(paths->value(), true, *pathsPath, placement)) {
       PXNSLog("PXMetaExporter crash find: 5.2");
       PXLogVerbose("PXMetaExporter unable to write paths {}", artboardID + "-paths.json");
     }
@@ -168,7 +167,8 @@ void PXMetaExporter::formattedJSONFileForSelectedArtboardIDs(const std::vector<s
   PXLogVerbose("{} setupSyncInfoForArtboards took: {} seconds", "PXMetaExporter", elapsed.count());
 
   std::string path = PXAppendingPathComponent(outputFolder, "__uploadInfo.json");
-  if (!PXFileWriter::writeJSON(JsonObject{{"syncInfo", std::move(syncInfo)}}, true, path))
+  if (!PXFileWriter::writeJSON(JsonObject{{"syncInfo", std::move(syncInfo)}}, true, path,
+                               PXFileWriter::Placement::direct))
     PXLogVerbose("PXMetaExporter failed to write uploadInfo {}", path);
 }
 
@@ -219,11 +219,33 @@ PXMetaMissingLayerHandler PXMetaExporter::missingLayerHandler() {
   };
 }
 
+void PXMetaExporter::prepareOutputFolder(const std::string& outputFolder) {
+  if (outputFolder == preparedOutputFolder_) return;
+  std::string error;
+  if (!PXFileManager::createDirectory(outputFolder, true, &error)) {
+    PXLogVerbose("PXMetaExporter could not create {}: {}", outputFolder, error);
+    return;  // asked again with the next artboard
+  }
+  preparedOutputFolder_ = outputFolder;
+}
+
+// A plain file name lies directly in the folder, and a link found there is
+// replaced on writing, never followed: the folder is resolved once, not
+// once per file.
 std::optional<std::string> PXMetaExporter::destinationInside(const std::string& outputFolder,
-                                                             const std::string& fileName) const {
+                                                             const std::string& fileName) {
   std::string stem = fileName.substr(0, fileName.rfind('.'));
   if (!isPlainFileName(stem)) return std::nullopt;
-  return PXResolveInside(outputFolder, fileName);
+  // A relative folder depends on the working folder, which may change between calls.
+  if (resolvedFor_ != outputFolder || !resolvedOutputFolder_ || !outputFolder.starts_with('/')) {
+    resolvedOutputFolder_ = PXResolveInside(outputFolder, ".");
+    if (resolvedOutputFolder_)
+      while (resolvedOutputFolder_->size() > 1 && resolvedOutputFolder_->back() == '/')
+        resolvedOutputFolder_->pop_back();
+    resolvedFor_ = outputFolder;
+  }
+  if (!resolvedOutputFolder_) return std::nullopt;
+  return PXAppendingPathComponent(*resolvedOutputFolder_, fileName);
 }
 
 }  // namespace plexa

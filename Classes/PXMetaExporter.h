@@ -50,7 +50,16 @@ class PXMetaExporter : public std::enable_shared_from_this<PXMetaExporter> {
   PXMetaMissingLayerHandler missingLayerHandler();
 
  private:
-  std::optional<std::string> destinationInside(const std::string& outputFolder, const std::string& fileName) const;
+  std::optional<std::string> destinationInside(const std::string& outputFolder, const std::string& fileName);
+  void prepareOutputFolder(const std::string& outputFolder);
+
+  // The absolute, normal form of the output folder, found once per folder.
+  std::string resolvedFor_;
+  std::optional<std::string> resolvedOutputFolder_;
+
+  // The folder last created or found: one walk writes every artboard into
+  // the same folder, which needs making only once.
+  std::string preparedOutputFolder_;
   JsonObject syncInfoForArtboardID(const std::string& artboardID, bool isSyncing, uint64_t index, double scale,
                                    const std::string& sketchFileURLName);
 };

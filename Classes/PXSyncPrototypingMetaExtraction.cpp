@@ -90,9 +90,15 @@ JsonObject positionOffset() { return JsonObject{{"x", 0}, {"y", 0}}; }
 
 }  // namespace
 
+PXSyncPrototypingMetaExtraction::PXSyncPrototypingMetaExtraction(std::shared_ptr<const JsonObject> artboard,
+                                                                 double scale, const std::string& sketchFilePath)
+    : artboard(std::move(artboard)), fileURL(sketchFilePath), scale(scale) {}
+
 PXSyncPrototypingMetaExtraction::PXSyncPrototypingMetaExtraction(std::optional<JsonObject> artboard, double scale,
                                                                  const std::string& sketchFilePath)
-    : artboard(std::move(artboard)), fileURL(sketchFilePath), scale(scale) {}
+    : PXSyncPrototypingMetaExtraction(
+          artboard ? std::make_shared<const JsonObject>(std::move(*artboard)) : std::shared_ptr<const JsonObject>(),
+          scale, sketchFilePath) {}
 
 JsonArray PXSyncPrototypingMetaExtraction::extract() const {
   if (!artboard) return JsonArray();
@@ -127,24 +133,24 @@ JsonArray PXSyncPrototypingMetaExtraction::nestedLinkLayersInGroup(const JsonObj
   return records;
 }
 
-std::optional<JsonObject> PXSyncPrototypingMetaExtraction::metaForLayer(const JsonObject& layer) {
+const JsonObject* PXSyncPrototypingMetaExtraction::metaForLayer(const JsonObject& layer) {
   // "userInfo.com.morrow.prototype" as a key path: every dot descends one
   // dictionary level, the identifier's own dots included. Walking dictionaries
   // directly gives the same answer as a general key-path evaluation would for
   // a dictionary result, without copying the layer.
+  static constexpr std::string_view path = "userInfo.com.morrow.prototype";
+  static_assert(path.substr(sizeof("userInfo.") - 1) == prototypePluginIdentifier);
   const JsonObject* current = &layer;
-  std::string path = "userInfo." + std::string(prototypePluginIdentifier);
   size_t start = 0;
   while (current) {
     size_t dot = path.find('.', start);
-    std::string_view key = std::string_view(path).substr(start, dot == std::string::npos ? dot : dot - start);
+    std::string_view key = path.substr(start, dot == std::string_view::npos ? dot : dot - start);
     const JsonValue* next = current->if_contains(key);
     current = next ? next->if_object() : nullptr;
-    if (dot == std::string::npos) break;
+    if (dot == std::string_view::npos) break;
     start = dot + 1;
   }
-  if (!current) return std::nullopt;
-  return *current;
+  return current;
 }
 
 std::optional<JsonObject> PXSyncPrototypingMetaExtraction::extractLinkMetaFromLayer(const JsonObject& layer,

@@ -39,9 +39,14 @@ class PXSyncPrototypingMetaExtraction {
   static constexpr std::string_view prototypePluginIdentifier = "com.morrow.prototype";
 
   // `sketchFilePath`: the .sketch file whose name salts the screen hashes.
+  // The artboard is read in place, never copied: a layer shared with a
+  // reader's page keeps that page alive while the extraction holds it.
+  PXSyncPrototypingMetaExtraction(std::shared_ptr<const JsonObject> artboard, double scale,
+                                  const std::string& sketchFilePath);
+  // An artboard of the caller's own, taken over.
   PXSyncPrototypingMetaExtraction(std::optional<JsonObject> artboard, double scale, const std::string& sketchFilePath);
 
-  std::optional<JsonObject> artboard;
+  std::shared_ptr<const JsonObject> artboard;
   std::string fileURL;  // the .sketch file's path
   double scale = 1;
   std::weak_ptr<PXSyncPrototypingMetaExtractionDelegate> delegate;
@@ -53,8 +58,9 @@ class PXSyncPrototypingMetaExtraction {
   // `parentArtboard`; `parentArtboard` is compared by identity.
   JsonArray nestedLinkLayersInGroup(const JsonObject& layer, const JsonObject& parentArtboard, MPSPoint offset) const;
 
-  // The link dictionary at the dotted key path, when it is a dictionary.
-  static std::optional<JsonObject> metaForLayer(const JsonObject& layer);
+  // The link dictionary at the dotted key path, when it is a dictionary; it
+  // lies inside `layer` and lives as long as it does.
+  static const JsonObject* metaForLayer(const JsonObject& layer);
   // A record, or nullopt (the null marker) when the layer yields none: no link,
   // no artboard, outside the artboard, a frame that is not finite, a target on
   // another page, or a timed redirect.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -31,6 +32,17 @@ std::chrono::system_clock::time_point fromTimespec(const struct timespec& ts) {
   return std::chrono::system_clock::time_point(
       std::chrono::duration_cast<std::chrono::system_clock::duration>(
           std::chrono::seconds(ts.tv_sec) + std::chrono::nanoseconds(ts.tv_nsec)));
+}
+
+// The whole of `data`, across short writes and interruptions.
+bool writeAll(int fd, std::string_view data) {
+  while (!data.empty()) {
+    ssize_t n = ::write(fd, data.data(), data.size());
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    data.remove_prefix(static_cast<size_t>(n));
+  }
+  return true;
 }
 
 }  // namespace
@@ -186,6 +198,25 @@ bool writeFileAtomically(const std::string& path, std::string_view data, std::st
     return false;
   }
   return true;
+}
+
+bool writeNewFile(const std::string& path, std::string_view data, std::string* error) {
+  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+  if (fd < 0 && errno == EEXIST) return writeFileAtomically(path, data, error);
+  if (fd < 0) {
+    if (error) *error = "cannot create " + path + ": " + std::strerror(errno);
+    return false;
+  }
+  bool written = writeAll(fd, data);
+  int cause = errno;
+  if (::close(fd) != 0 && written) {
+    written = false;
+    cause = errno;
+  }
+  if (written) return true;
+  ::unlink(path.c_str());  // this call made it: no torn file is left behind
+  if (error) *error = "cannot write " + path + ": " + std::strerror(cause);
+  return false;
 }
 
 std::string makeTemporaryDirectory(const std::string& prefix) {

@@ -39,6 +39,11 @@ bool isSymbolicLink(const std::string& path);
 std::optional<std::string> readFile(const std::string& path, std::string* error = nullptr);
 // Writes to a temporary file beside `path`, then renames it over `path`.
 bool writeFileAtomically(const std::string& path, std::string_view data, std::string* error = nullptr);
+// Writes straight into a new file at `path`: for results in a folder the run
+// owns, where a temporary and a rename per file would buy nothing. A file
+// that fails half-way is removed. An entry already at `path` (possibly a
+// link) is never written through: it is replaced as writeFileAtomically does.
+bool writeNewFile(const std::string& path, std::string_view data, std::string* error = nullptr);
 
 // A unique new folder under the system's temporary folder.
 std::string makeTemporaryDirectory(const std::string& prefix);

@@ -5,6 +5,9 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <optional>
+
 #include <sys/statvfs.h>
 
 namespace plexa::cli {
@@ -46,9 +49,21 @@ class Checker {
   }
 
   bool require(const std::string& name, const std::string& item) {
-    if (PXFileManager::fileExists(inFolder(name))) return true;
+    if (isPresent(name)) return true;
     missing_.push_back(item);
     return false;
+  }
+
+  // One read of the folder answers for every file: a run of many artboards
+  // would otherwise look up each of its files by path again.
+  bool isPresent(const std::string& name) {
+    if (!listed_) {
+      listed_ = PXFileManager::contentsOfDirectory(expected_.folder);
+      if (!listed_) listed_.emplace();
+      listingFailed_ = listed_->empty();
+    }
+    if (std::binary_search(listed_->begin(), listed_->end(), name)) return true;
+    return listingFailed_ && PXFileManager::fileExists(inFolder(name));
   }
 
   // Every file a paths record names, where the record says it is.
@@ -70,6 +85,8 @@ class Checker {
 
   const ExpectedOutput& expected_;
   std::vector<std::string>& missing_;
+  std::optional<std::vector<std::string>> listed_;  // sorted entry names
+  bool listingFailed_ = false;                      // or empty: ask the file system per name
 };
 
 }  // namespace

@@ -3,10 +3,14 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <string>
+#include <utility>
+#include <vector>
 
 using namespace plexa;
 using plexa::test::readText;
@@ -61,36 +65,64 @@ TEST(PXResolveInsideTest, RefusesPathsThroughPlantedLinks) {
   EXPECT_FALSE(PXFileManager::isSymbolicLink(root + "/real"));
 }
 
-TEST(PXFileManagerWrites, AtomicWritesReplaceWholeFiles) {
+TEST(PXFileManagerWrites, BothWritersReplaceWholeFilesAndNeverWriteThroughLinks) {
+  using Writer = bool (*)(const std::string&, std::string_view, std::string*);
+  const std::pair<const char*, Writer> writers[] = {{"atomic", &PXFileManager::writeFileAtomically},
+                                                    {"direct", &PXFileManager::writeNewFile}};
+  for (const auto& [name, write] : writers) {
+    SCOPED_TRACE(name);
+    TempDir dir;
+    std::string path = dir / "meta.json";
+    std::string error;
+    ASSERT_TRUE(write(path, "first version, longer than the second", &error)) << error;
+    ASSERT_TRUE(write(path, "second", &error)) << error;
+    EXPECT_EQ(readText(path), "second");
+    std::string big(5u << 20, '\0');
+    for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>((i * 31) >> 3);
+    ASSERT_TRUE(write(dir / "big.json", big, nullptr));
+    EXPECT_TRUE(PXFileManager::readFile(dir / "big.json") == big) << "read back byte for byte";
+    EXPECT_EQ(*PXFileManager::contentsOfDirectory(dir.path()), (std::vector<std::string>{"big.json", "meta.json"}))
+        << "no temporary file is left beside them";
+
+    // A missing folder is an error, and nothing is created on the way.
+    error.clear();
+    EXPECT_FALSE(write(dir / "missing/meta.json", "x", &error));
+    EXPECT_FALSE(error.empty());
+    EXPECT_FALSE(PXFileManager::fileExists(dir / "missing"));
+
+    // Links at the destination, symbolic or hard, are replaced, never written through.
+    writeText(dir / "target.txt", "keep");
+    ASSERT_EQ(::symlink((dir / "target.txt").c_str(), (dir / "link.json").c_str()), 0);
+    ASSERT_TRUE(write(dir / "link.json", "new", nullptr));
+    EXPECT_FALSE(PXFileManager::isSymbolicLink(dir / "link.json"));
+    EXPECT_EQ(readText(dir / "link.json"), "new");
+    ASSERT_EQ(::link((dir / "target.txt").c_str(), (dir / "hard.json").c_str()), 0);
+    ASSERT_TRUE(write(dir / "hard.json", "new", nullptr));
+    EXPECT_EQ(readText(dir / "hard.json"), "new");
+    EXPECT_EQ(readText(dir / "target.txt"), "keep");
+  }
+}
+
+TEST(PXFileManagerWrites, ADirectWriteThatFailsHalfWayLeavesNoFile) {
   TempDir dir;
-  std::string path = dir / "meta.json";
+  struct rlimit saved {};
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &saved), 0);
+  auto previous = std::signal(SIGXFSZ, SIG_IGN);  // the write then fails with EFBIG
+  struct rlimit small = saved;
+  small.rlim_cur = 4096;
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
   std::string error;
-  ASSERT_TRUE(PXFileManager::writeFileAtomically(path, "first version, longer than the second", &error)) << error;
-  ASSERT_TRUE(PXFileManager::writeFileAtomically(path, "second", &error)) << error;
-  EXPECT_EQ(readText(path), "second");
-  std::string big(5u << 20, '\0');
-  for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>((i * 31) >> 3);
-  ASSERT_TRUE(PXFileManager::writeFileAtomically(path, big));
-  EXPECT_EQ(PXFileManager::attributesOfItem(path)->size, big.size());
-  EXPECT_TRUE(PXFileManager::readFile(path) == big) << "read back byte for byte";
-  EXPECT_EQ(*PXFileManager::contentsOfDirectory(dir.path()), std::vector<std::string>{"meta.json"})
-      << "no temporary file is left beside it";
+  bool written = PXFileManager::writeNewFile(dir / "torn.json", std::string(64 * 1024, 'x'), &error);
+  ::setrlimit(RLIMIT_FSIZE, &saved);
+  std::signal(SIGXFSZ, previous);
+  EXPECT_FALSE(written);
+  EXPECT_NE(error.find("torn.json"), std::string::npos) << error;
+  EXPECT_FALSE(PXFileManager::fileExists(dir / "torn.json")) << "the partial file is removed";
+}
 
-  // A missing folder is an error, and nothing is created on the way.
-  error.clear();
-  EXPECT_FALSE(PXFileManager::writeFileAtomically(dir / "missing/meta.json", "x", &error));
-  EXPECT_FALSE(error.empty());
-  EXPECT_FALSE(PXFileManager::fileExists(dir / "missing"));
-
-  // A link at the destination is replaced, never written through.
-  writeText(dir / "target.txt", "keep");
-  ASSERT_EQ(::symlink((dir / "target.txt").c_str(), (dir / "link.json").c_str()), 0);
-  ASSERT_TRUE(PXFileManager::writeFileAtomically(dir / "link.json", "new"));
-  EXPECT_FALSE(PXFileManager::isSymbolicLink(dir / "link.json"));
-  EXPECT_EQ(readText(dir / "link.json"), "new");
-  EXPECT_EQ(readText(dir / "target.txt"), "keep");
-
-  error.clear();
+TEST(PXFileManagerReads, MissingFilesAndFoldersAreErrors) {
+  TempDir dir;
+  std::string error;
   EXPECT_FALSE(PXFileManager::readFile(dir / "absent.json", &error));
   EXPECT_FALSE(error.empty());
   EXPECT_FALSE(PXFileManager::readFile(dir.path())) << "a folder is not a file";

@@ -196,6 +196,26 @@ TEST(PXMetaExporterFiles, WritesTheMetaAndPathsFilesOfAScreen) {
   EXPECT_TRUE(run.exists("BADGE-MASTER-paths.json"));
 }
 
+TEST(PXMetaExporterFiles, ExportingAgainReplacesEarlierFilesWhole) {
+  ExportRun run(designDocument());
+  ASSERT_TRUE(PXFileManager::createDirectory(run.output, true));
+  const std::string stale(1 << 20, 'x');  // longer than the new files: no tail may survive
+  for (const char* name : {"HOME.json", "HOME-paths.json", "__uploadInfo.json"}) test::writeText(run.file(name), stale);
+  for (int round = 0; round < 2; ++round) {
+    SCOPED_TRACE(round);
+    auto path = run.exporter->formattedMetaJSONFileForArtboardID("HOME", true, run.output);
+    ASSERT_TRUE(path);
+    expectGolden(*path, run.output, "design-HOME.json");
+    EXPECT_EQ(test::readJson(run.file("HOME-paths.json")), test::readJson(*path).at("__exportedImagePaths"));
+    run.exporter->formattedJSONFileForSelectedArtboardIDs({"HOME"}, {"HOME"}, 1, "/designs/Design File.sketch",
+                                                          run.output);
+    EXPECT_EQ(test::readJson(run.file("__uploadInfo.json")).at("syncInfo").as_object().size(), 1u);
+    EXPECT_EQ(*PXFileManager::contentsOfDirectory(run.output),
+              (std::vector<std::string>{"HOME-paths.json", "HOME.json", "__uploadInfo.json"}))
+        << "no temporary file is left behind";
+  }
+}
+
 TEST(PXMetaExporterFiles, AcceptsARelativeOutputFolder) {
   ExportRun run(designDocument());
   auto previous = std::filesystem::current_path();

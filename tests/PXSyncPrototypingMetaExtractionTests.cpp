@@ -201,3 +201,26 @@ TEST(PrototypeHotspotBadInput, WrongTypesAndBrokenFramesNeverBreakTheWalk) {
   auto zeroBoard = extract(board({linkLayer("z", frame(1, 1, 5, 5), {})}, 0, 0));
   EXPECT_TRUE(zeroBoard.empty());
 }
+
+TEST(PrototypeHotspotLinks, ASharedArtboardIsReadInPlaceAndKeptAlive) {
+  // A page as a reader holds it: the extraction gets the artboard inside it.
+  auto page = std::make_shared<JsonObject>(JsonObject{
+      {"layers", JsonArray{board({linkLayer("L", frame(10, 20, 30, 40), {{"linkType", 5}})})}}});
+  const JsonObject& layerInPage = page->at("layers").as_array()[0].as_object();
+  std::shared_ptr<const JsonObject> shared(std::shared_ptr<const JsonObject>(page), &layerInPage);
+  PXSyncPrototypingMetaExtraction extraction(shared, 2, "/docs/My File.sketch");
+  EXPECT_EQ(extraction.artboard.get(), &layerInPage) << "the artboard is not copied";
+
+  const JsonObject& linked = layerInPage.at("layers").as_array()[0].as_object();
+  const JsonObject* link = PXSyncPrototypingMetaExtraction::metaForLayer(linked);
+  const JsonValue& stored = linked.at("userInfo").at("com").at("morrow").at("prototype");
+  EXPECT_EQ(link, &stored.as_object()) << "the link dictionary is the layer's own, not a copy";
+
+  page.reset();
+  shared.reset();  // the extraction alone now keeps the page
+  auto record = only(extraction.extract());
+  EXPECT_EQ(rectOf(record), (std::vector<double>{20, 40, 60, 80}));
+  EXPECT_EQ(record.at("targetScreenHash"), JsonValue(md5_mps("My File.sketchAB")));
+  EXPECT_EQ(extraction.extract(), extract(board({linkLayer("L", frame(10, 20, 30, 40), {{"linkType", 5}})}), 2))
+      << "in place or copied, the records are the same";
+}
