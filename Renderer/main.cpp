@@ -76,6 +76,7 @@ int main(int argc, char** argv) {
   if (!request) return usageError(error);
   // The document is left for the exit to reclaim: taking its pages and
   // scenes apart would cost more than the exit itself.
-  auto* document = new std::unique_ptr<SketchDocument>();
+  // Held by a static so that leak checkers see it as still reachable.
+  static auto* document = new std::unique_ptr<SketchDocument>();
   return runExport(*request, say, *document);
 }
