@@ -40,6 +40,41 @@ PXSketchUnzipResult failure(const std::string& source, const std::string& reason
   return result;
 }
 
+// The JSON files are all that the detacher and the later stages read from
+// the folder when no detached .sketch file is written.
+bool isJSONEntry(const std::string& name) { return PXPathExtension(name) == "json"; }
+
+PXSketchUnzipResult extract(const std::string& source, const std::string& destination, bool prettyPrint,
+                            uint64_t maxUncompressedBytes, const PXZipEntryFilter& wanted) {
+  PXZipLimits limits;
+  limits.maxTotalUncompressedBytes = maxUncompressedBytes;
+  auto extracted = PXZip::extractAll(source, destination, limits, wanted);
+  if (!extracted.ok) return failure(source, extracted.error);
+
+  std::string output = fmt::format("unzipped {} files from {} into {}", extracted.entries.size(), source, destination);
+  if (!prettyPrint) return {true, output};
+
+  size_t jsonFiles = 0;
+  size_t rewritten = 0;
+  for (const auto& name : extracted.entries) {
+    if (PXPathExtension(name) != "json") continue;
+    ++jsonFiles;
+    std::string path = PXAppendingPathComponent(destination, name);
+    std::string error;
+    switch (prettyPrintJSONFile(path, error)) {
+      case PrettyPrintOutcome::rewritten:
+        ++rewritten;
+        break;
+      case PrettyPrintOutcome::keptAsIs:
+        PXLogWarn("PXSketchUnzipper kept {} unformatted: {}", path, error);
+        break;
+      case PrettyPrintOutcome::writeFailed:
+        return failure(source, fmt::format("cannot pretty-print {}: {}", path, error));
+    }
+  }
+  return {true, fmt::format("{}, pretty-printed {} of {} JSON files", output, rewritten, jsonFiles)};
+}
+
 }  // namespace
 
 std::shared_ptr<PXSketchUnzipper> PXSketchUnzipper::make() {
@@ -87,33 +122,7 @@ PXSketchUnzipResult PXSketchUnzipper::unzip(const std::string& source, const std
 
 PXSketchUnzipResult PXSketchUnzipper::unzip(const std::string& source, const std::string& destination,
                                             bool prettyPrint, uint64_t maxUncompressedBytes) {
-  PXZipLimits limits;
-  limits.maxTotalUncompressedBytes = maxUncompressedBytes;
-  auto extracted = PXZip::extractAll(source, destination, limits);
-  if (!extracted.ok) return failure(source, extracted.error);
-
-  std::string output = fmt::format("unzipped {} files from {} into {}", extracted.entries.size(), source, destination);
-  if (!prettyPrint) return {true, output};
-
-  size_t jsonFiles = 0;
-  size_t rewritten = 0;
-  for (const auto& name : extracted.entries) {
-    if (PXPathExtension(name) != "json") continue;
-    ++jsonFiles;
-    std::string path = PXAppendingPathComponent(destination, name);
-    std::string error;
-    switch (prettyPrintJSONFile(path, error)) {
-      case PrettyPrintOutcome::rewritten:
-        ++rewritten;
-        break;
-      case PrettyPrintOutcome::keptAsIs:
-        PXLogWarn("PXSketchUnzipper kept {} unformatted: {}", path, error);
-        break;
-      case PrettyPrintOutcome::writeFailed:
-        return failure(source, fmt::format("cannot pretty-print {}: {}", path, error));
-    }
-  }
-  return {true, fmt::format("{}, pretty-printed {} of {} JSON files", output, rewritten, jsonFiles)};
+  return extract(source, destination, prettyPrint, maxUncompressedBytes, PXZipEntryFilter());
 }
 
 void PXSketchUnzipper::updateProgress(uint64_t progress, uint64_t count) {
@@ -156,7 +165,9 @@ void PXSketchUnzipper::cancel() {
 // Unzip first, then rewrite the JSON in place and re-zip it beside the
 // folder; progress goes to the delegate in six steps.
 void PXSketchUnzipper::detachUsingV2(Completion completion) {
-  auto unzipped = unzip(sketchFilePath, outputFolderPath);
+  // Images and previews only matter to the detached file's readers.
+  auto unzipped = extract(sketchFilePath, outputFolderPath, prettyPrint, maxUncompressedBytes,
+                          writesDetachedFile ? PXZipEntryFilter() : PXZipEntryFilter(isJSONEntry));
   if (!unzipped.success) failureReason = unzipped.output;
   if (isCancelled()) return;
   detachedSketchFilePath = PXAppendingPathComponent(outputFolderPath, PXLastPathComponent(sketchFilePath));

@@ -66,7 +66,9 @@ class PXSketchUnzipper : public PXSymbolDetacherDelegate, public std::enable_sha
   std::string failureReason;
   // With the JSON detacher: whether anything will read the detached .sketch
   // file (sketchtool does). Without such a reader the detached pages are
-  // neither written back nor zipped; they wait in detachedPages instead.
+  // neither written back nor zipped; they wait in detachedPages instead,
+  // and only the JSON entries are unzipped: images and previews have no
+  // other reader in the folder.
   bool writesDetachedFile = true;
   // The JSON detacher holds the whole document, masters and detached copies
   // in memory: about kDetachBytesPerJsonByte bytes for each byte of the

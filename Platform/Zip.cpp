@@ -99,95 +99,164 @@ bool takeFromBudget(std::atomic<uint64_t>& budget, uint64_t n) {
 // times faster than zlib's stream; larger ones stream to keep memory bounded.
 constexpr uint64_t kWholeEntryLimit = 256ull << 20;
 
-// nullopt: the entry is not one to inflate whole (not deflated, encrypted,
-// sizes unknown or large); the caller streams it instead.
-std::optional<bool> writeDeflatedEntryWhole(zip_t* z, zip_uint64_t index, const std::string& target,
-                                            std::atomic<uint64_t>& budget, std::string& error) {
-  zip_stat_t st;
-  zip_stat_init(&st);
-  if (zip_stat_index(z, index, 0, &st) != 0) return std::nullopt;
+// Below this size creating the file costs more than inflating it; such
+// entries are written by one worker, so that workers never queue on the
+// lock of one folder (images/ may hold tens of thousands of them).
+constexpr uint64_t kSmallEntryLimit = 256ull << 10;
+
+struct FileEntry {
+  zip_uint64_t index;
+  std::string name;
+  std::string target;
+  zip_stat_t stat;
+};
+
+bool isWholeDeflated(const zip_stat_t& st) {
   const auto needed = ZIP_STAT_SIZE | ZIP_STAT_COMP_SIZE | ZIP_STAT_COMP_METHOD | ZIP_STAT_CRC | ZIP_STAT_ENCRYPTION_METHOD;
-  if ((st.valid & needed) != needed || st.comp_method != ZIP_CM_DEFLATE || st.encryption_method != ZIP_EM_NONE ||
-      st.size > kWholeEntryLimit || st.comp_size > kWholeEntryLimit)
-    return std::nullopt;
-  if (!takeFromBudget(budget, st.size)) {
-    error = "archive exceeds the uncompressed size limit";
-    return false;
+  return (st.valid & needed) == needed && st.comp_method == ZIP_CM_DEFLATE && st.encryption_method == ZIP_EM_NONE &&
+         st.size <= kWholeEntryLimit && st.comp_size <= kWholeEntryLimit;
+}
+
+bool isSmall(const zip_stat_t& st) { return (st.valid & ZIP_STAT_SIZE) && st.size < kSmallEntryLimit; }
+
+// Bytes kept between entries: grown to the largest entry met, never zeroed.
+class Scratch {
+ public:
+  char* reserve(size_t n) {
+    if (n > capacity_ || !bytes_) {
+      bytes_.reset();
+      bytes_.reset(new char[std::max<size_t>(n, 1)]);
+      capacity_ = n;
+    }
+    return bytes_.get();
   }
-  std::unique_ptr<zip_file_t, FileCloser> in(zip_fopen_index(z, index, ZIP_FL_COMPRESSED));
-  if (!in) {
-    error = std::string("cannot read entry: ") + zip_strerror(z);
-    return false;
-  }
-  std::string packed(st.comp_size, '\0');
-  if (zip_fread(in.get(), packed.data(), packed.size()) != static_cast<zip_int64_t>(packed.size())) {
-    error = std::string("corrupt entry data: ") + zip_file_strerror(in.get());
-    return false;
-  }
-  std::string data(st.size, '\0');
-  std::unique_ptr<libdeflate_decompressor, void (*)(libdeflate_decompressor*)> inflater(
-      libdeflate_alloc_decompressor(), &libdeflate_free_decompressor);
-  size_t produced = 0;
-  if (!inflater ||
-      libdeflate_deflate_decompress(inflater.get(), packed.data(), packed.size(), data.data(), data.size(), &produced) !=
-          LIBDEFLATE_SUCCESS ||
-      produced != st.size || libdeflate_crc32(0, data.data(), data.size()) != st.crc) {
-    error = "corrupt entry data: " + printable(zip_get_name(z, index, ZIP_FL_ENC_GUESS) ?: "");
-    return false;
-  }
-  packed = std::string();
+  char* data() const { return bytes_.get(); }
+
+ private:
+  std::unique_ptr<char[]> bytes_;
+  size_t capacity_ = 0;
+};
+
+bool writeFile(const std::string& target, const char* data, size_t size, std::string& error) {
   int fd = ::open(target.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
   if (fd < 0) {
     error = "cannot create " + printable(target);
     return false;
   }
-  bool ok = writeAll(fd, data.data(), data.size());
+  bool ok = writeAll(fd, data, size);
   if (::close(fd) != 0) ok = false;
   if (!ok) error = "cannot write " + printable(target);
   return ok;
 }
 
-// Streams one entry to `target`, counting against the remaining budget.
-bool writeEntry(zip_t* z, zip_uint64_t index, const std::string& target, std::atomic<uint64_t>& budget,
-                std::string& error) {
-  if (auto whole = writeDeflatedEntryWhole(z, index, target, budget, error)) return *whole;
-  std::unique_ptr<zip_file_t, FileCloser> in(zip_fopen_index(z, index, 0));
-  if (!in) {
-    error = std::string("cannot read entry: ") + zip_strerror(z);
-    return false;
-  }
-  int fd = ::open(target.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
-  if (fd < 0) {
-    error = "cannot create " + printable(target);
-    return false;
-  }
-  char buffer[1 << 16];
-  bool ok = true;
-  while (true) {
-    zip_int64_t n = zip_fread(in.get(), buffer, sizeof buffer);
-    if (n < 0) {
+// The archive opened once for all workers. libzip handles are not shared
+// between threads, so the compressed bytes are read under a lock and
+// inflated outside it.
+struct SharedArchive {
+  zip_t* z;
+  std::mutex lock;
+
+  bool readPacked(const FileEntry& entry, Scratch& into, std::string& error) {
+    std::lock_guard guard(lock);
+    std::unique_ptr<zip_file_t, FileCloser> in(zip_fopen_index(z, entry.index, ZIP_FL_COMPRESSED));
+    if (!in) {
+      error = std::string("cannot read entry: ") + zip_strerror(z);
+      return false;
+    }
+    const auto size = static_cast<zip_int64_t>(entry.stat.comp_size);
+    if (zip_fread(in.get(), into.reserve(entry.stat.comp_size), entry.stat.comp_size) != size) {
       error = std::string("corrupt entry data: ") + zip_file_strerror(in.get());
-      ok = false;
-      break;
+      return false;
     }
-    if (n == 0) break;
-    if (!takeFromBudget(budget, static_cast<uint64_t>(n))) {
+    return true;
+  }
+};
+
+// One worker's tools: an inflater made once, buffers reused from entry to
+// entry, and its own handle for the rare entry that has to stream.
+class EntryWriter {
+ public:
+  EntryWriter(SharedArchive& archive, const std::string& archivePath, std::atomic<uint64_t>& budget)
+      : archive_(archive), archivePath_(archivePath), budget_(budget),
+        inflater_(libdeflate_alloc_decompressor(), &libdeflate_free_decompressor) {}
+
+  bool write(const FileEntry& entry, std::string& error) {
+    return isWholeDeflated(entry.stat) ? writeWhole(entry, error) : writeStreamed(entry, error);
+  }
+
+ private:
+  bool writeWhole(const FileEntry& entry, std::string& error) {
+    const zip_stat_t& st = entry.stat;
+    if (!takeFromBudget(budget_, st.size)) {
       error = "archive exceeds the uncompressed size limit";
-      ok = false;
-      break;
+      return false;
     }
-    if (!writeAll(fd, buffer, static_cast<size_t>(n))) {
-      error = "cannot write " + printable(target);
+    if (!inflater_) {
+      error = "out of memory";
+      return false;
+    }
+    if (!archive_.readPacked(entry, packed_, error)) return false;
+    char* data = data_.reserve(st.size);
+    size_t produced = 0;
+    if (libdeflate_deflate_decompress(inflater_.get(), packed_.data(), st.comp_size, data, st.size, &produced) !=
+            LIBDEFLATE_SUCCESS ||
+        produced != st.size || libdeflate_crc32(0, data, st.size) != st.crc) {
+      error = "corrupt entry data: " + printable(entry.name);
+      return false;
+    }
+    return writeFile(entry.target, data, st.size, error);
+  }
+
+  // Streams the entry to its file, counting against the remaining budget.
+  bool writeStreamed(const FileEntry& entry, std::string& error) {
+    if (!own_ && !(own_ = openForReading(archivePath_, &error))) return false;
+    std::unique_ptr<zip_file_t, FileCloser> in(zip_fopen_index(own_.get(), entry.index, 0));
+    if (!in) {
+      error = std::string("cannot read entry: ") + zip_strerror(own_.get());
+      return false;
+    }
+    int fd = ::open(entry.target.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+    if (fd < 0) {
+      error = "cannot create " + printable(entry.target);
+      return false;
+    }
+    bool ok = copyStream(in.get(), fd, entry.target, error);
+    if (::close(fd) != 0 && ok) {
+      error = "cannot write " + printable(entry.target);
       ok = false;
-      break;
+    }
+    return ok;
+  }
+
+  bool copyStream(zip_file_t* in, int fd, const std::string& target, std::string& error) {
+    constexpr size_t kChunk = 1 << 16;
+    char* buffer = data_.reserve(kChunk);
+    while (true) {
+      zip_int64_t n = zip_fread(in, buffer, kChunk);
+      if (n < 0) {
+        error = std::string("corrupt entry data: ") + zip_file_strerror(in);
+        return false;
+      }
+      if (n == 0) return true;
+      if (!takeFromBudget(budget_, static_cast<uint64_t>(n))) {
+        error = "archive exceeds the uncompressed size limit";
+        return false;
+      }
+      if (!writeAll(fd, buffer, static_cast<size_t>(n))) {
+        error = "cannot write " + printable(target);
+        return false;
+      }
     }
   }
-  if (::close(fd) != 0 && ok) {
-    error = "cannot write " + printable(target);
-    ok = false;
-  }
-  return ok;
-}
+
+  SharedArchive& archive_;
+  const std::string& archivePath_;
+  std::atomic<uint64_t>& budget_;
+  std::unique_ptr<libdeflate_decompressor, void (*)(libdeflate_decompressor*)> inflater_;
+  Archive own_;
+  Scratch packed_;
+  Scratch data_;
+};
 
 // Every entry is judged before anything is written, so a refused archive
 // leaves the destination untouched.
@@ -267,9 +336,46 @@ struct PendingArchive {
   }
 };
 
+// An archive may name a file twice; as when written in order, the last wins,
+// and no two workers ever write one file. Small entries go to the first
+// worker in archive order; the large ones are shared out as workers free up.
+bool writeFiles(zip_t* z, const std::string& archivePath, const std::vector<FileEntry>& files,
+                const PXZipLimits& limits, std::string& firstError) {
+  std::map<std::string, size_t> lastWriter;
+  for (size_t k = 0; k < files.size(); ++k) lastWriter[files[k].target] = k;
+  std::vector<const FileEntry*> small, large;
+  for (size_t k = 0; k < files.size(); ++k)
+    if (lastWriter.at(files[k].target) == k) (isSmall(files[k].stat) ? small : large).push_back(&files[k]);
+
+  SharedArchive archive{z, {}};
+  std::atomic<uint64_t> budget{limits.maxTotalUncompressedBytes};
+  std::atomic<size_t> nextLarge{0};
+  std::atomic<bool> failed{false};
+  std::mutex errorMutex;
+  const size_t workers =
+      std::max<size_t>(1, std::min<size_t>(large.size() + 1, std::max(1u, std::thread::hardware_concurrency())));
+  PXParallelFor(workers, [&](size_t worker) {
+    EntryWriter writer(archive, archivePath, budget);
+    std::string error;
+    bool ok = true;
+    if (worker == 0)
+      for (size_t k = 0; ok && k < small.size() && !failed; ++k) ok = writer.write(*small[k], error);
+    for (size_t k = nextLarge++; ok && k < large.size() && !failed; k = nextLarge++) ok = writer.write(*large[k], error);
+    if (ok) return;
+    std::lock_guard lock(errorMutex);
+    if (!failed.exchange(true)) firstError = error;
+  });
+  return !failed;
+}
+
 }  // namespace
 
 PXZipResult extractAll(const std::string& archivePath, const std::string& destination, const PXZipLimits& limits) {
+  return extractAll(archivePath, destination, limits, PXZipEntryFilter());
+}
+
+PXZipResult extractAll(const std::string& archivePath, const std::string& destination, const PXZipLimits& limits,
+                       const PXZipEntryFilter& wanted) {
   PXZipResult result;
   auto z = openForReading(archivePath, &result.error);
   if (!z) return result;
@@ -278,11 +384,6 @@ PXZipResult extractAll(const std::string& archivePath, const std::string& destin
   if (!PXFileManager::createDirectory(destination, true, &result.error)) return result;
 
   // Folders first, each once, in archive order; then the files' bytes.
-  struct FileEntry {
-    zip_uint64_t index;
-    std::string name;
-    std::string target;
-  };
   std::vector<FileEntry> files;
   std::set<std::string> madeFolders;
   auto makeFolder = [&](const std::string& folder) {
@@ -304,31 +405,13 @@ PXZipResult extractAll(const std::string& archivePath, const std::string& destin
       continue;
     }
     if (!makeFolder(PXDeletingLastPathComponent(*target))) return result;
-    files.push_back(FileEntry{i, std::move(name), std::move(*target)});
+    if (wanted && !wanted(name)) continue;
+    FileEntry entry{i, std::move(name), std::move(*target), {}};
+    zip_stat_init(&entry.stat);
+    zip_stat_index(z.get(), i, 0, &entry.stat);
+    files.push_back(std::move(entry));
   }
-  z.reset();
-  // An archive may name a file twice; as when written in order, the last wins,
-  // and no two workers ever write one file.
-  std::map<std::string, size_t> lastWriter;
-  for (size_t k = 0; k < files.size(); ++k) lastWriter[files[k].target] = k;
-
-  // Entries are independent: each worker reads through its own handle.
-  std::atomic<uint64_t> budget{limits.maxTotalUncompressedBytes};
-  std::atomic<bool> failed{false};
-  std::mutex errorMutex;
-  const size_t workers = std::min<size_t>(files.size(), std::max(1u, std::thread::hardware_concurrency()));
-  PXParallelFor(workers, [&](size_t worker) {
-    std::string error;
-    auto handle = openForReading(archivePath, &error);
-    for (size_t k = worker; handle && k < files.size() && !failed; k += workers) {
-      if (lastWriter.at(files[k].target) != k) continue;
-      if (!writeEntry(handle.get(), files[k].index, files[k].target, budget, error)) break;
-    }
-    if (error.empty()) return;
-    std::lock_guard lock(errorMutex);
-    if (!failed.exchange(true)) result.error = error;
-  });
-  if (failed) return result;
+  if (!writeFiles(z.get(), archivePath, files, limits, result.error)) return result;
   for (auto& file : files) result.entries.push_back(std::move(file.name));
   result.ok = true;
   return result;

@@ -3,6 +3,7 @@
 // reading single entries, and writing a folder or in-memory entries.
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <utility>
@@ -21,6 +22,9 @@ struct PXZipResult {
   std::vector<std::string> entries;  // names written, in archive order
 };
 
+// Decides by entry name whether its bytes are written.
+using PXZipEntryFilter = std::function<bool(const std::string& name)>;
+
 namespace PXZip {
 
 // Extracts every entry under `destination`. Refuses (and fails on) entries
@@ -28,6 +32,11 @@ namespace PXZip {
 // the size cap; nothing is ever written outside `destination`.
 PXZipResult extractAll(const std::string& archivePath, const std::string& destination,
                        const PXZipLimits& limits = {});
+
+// The same checks and folders, but only the entries that `wanted` accepts
+// are written (and listed in the result); the others are skipped unread.
+PXZipResult extractAll(const std::string& archivePath, const std::string& destination, const PXZipLimits& limits,
+                       const PXZipEntryFilter& wanted);
 
 // The names of the entries, in archive order; nullopt when not a zip.
 std::optional<std::vector<std::string>> entryNames(const std::string& archivePath, std::string* error = nullptr);

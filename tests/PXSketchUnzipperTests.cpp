@@ -246,3 +246,29 @@ TEST(PXSketchUnzipperProgress, AReleasedDelegateOrUnzipperGetsNothing) {
   EXPECT_TRUE(watch.expired());
   EXPECT_TRUE(other->steps.empty());
 }
+
+TEST(PXSketchUnzipperStatus, JsonDetachingWritesImagesOnlyForTheDetachedFile) {
+  TempDir dir;
+  std::string sketch = smallDocument().addEntry("images/bitmap.png", "PNG bytes").writeSketch(dir / "in.sketch");
+  for (bool writesDetachedFile : {true, false}) {
+    SCOPED_TRACE(writesDetachedFile);
+    auto unzipper = PXSketchUnzipper::make();
+    unzipper->sketchFilePath = sketch;
+    unzipper->detachMethod = "all";
+    unzipper->v2Detacher = true;
+    unzipper->writesDetachedFile = writesDetachedFile;
+    const std::string folder = dir / (writesDetachedFile ? "with-file" : "pages-only");
+    CompletionRecord record;
+    unzipper->unzipToFolderPath(folder, record.block());
+    ASSERT_TRUE(record.wait());
+    EXPECT_TRUE(record.success);
+    // The folder keeps its shape; the image's bytes come only when the
+    // detached file, which carries them, is written.
+    EXPECT_TRUE(PXFileManager::fileExists(folder + "/images"));
+    EXPECT_EQ(PXFileManager::fileExists(folder + "/images/bitmap.png"), writesDetachedFile);
+    EXPECT_TRUE(PXFileManager::fileExists(folder + "/pages/PAGE-1.json"));
+    auto detached = PXZip::readEntry(unzipper->detachedSketchFilePath, "images/bitmap.png");
+    EXPECT_EQ(detached.value_or(""), writesDetachedFile ? "PNG bytes" : "");
+    EXPECT_EQ(unzipper->takeDetachedPages().size(), 1u);
+  }
+}

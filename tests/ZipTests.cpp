@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <filesystem>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -240,4 +241,95 @@ TEST(ZipWrite, FolderAndEntriesRoundTripWithoutFollowingLinks) {
   // Rewriting replaces the archive as a whole.
   ASSERT_TRUE(PXZip::zipEntries({{"only.json", "[]"}}, archive));
   EXPECT_EQ(*PXZip::entryNames(archive), std::vector<std::string>{"only.json"});
+}
+
+namespace {
+
+// Bytes that differ by position and seed, so an entry written from another
+// entry's (or a stale, longer) buffer is caught, and that deflate well.
+std::string patterned(size_t size, uint32_t seed) {
+  std::string out(size, '\0');
+  uint32_t x = seed * 2654435761u + 1;
+  for (size_t i = 0; i < size; ++i) {
+    x = x * 1103515245u + 12345u;
+    out[i] = static_cast<char>('a' + ((x >> 16) % 7));
+  }
+  return out;
+}
+
+}  // namespace
+
+TEST(ZipExtractWrites, EveryEntryExactlyWhateverItsSizeAndOrder) {
+  TempDir dir;
+  // Large and small entries interleaved, a large one after a larger one (a
+  // reused buffer must not leak its tail) and an empty one.
+  std::vector<std::pair<std::string, std::string>> entries;
+  const std::vector<size_t> largeSizes = {900u << 10, 300u << 10, 2u << 20, 260u << 10};
+  for (size_t i = 0; i < 400; ++i) {
+    entries.emplace_back("images/" + std::to_string(i) + ".png", patterned(i * 37 % 5000, static_cast<uint32_t>(i)));
+    if (i % 100 == 0)
+      entries.emplace_back("pages/P" + std::to_string(i / 100) + ".json", patterned(largeSizes[i / 100], 9000u + i));
+  }
+  entries.emplace_back("images/empty.png", "");
+  std::string archive = dir / "mixed.sketch";
+  ASSERT_TRUE(PXZip::zipEntries(entries, archive));
+
+  auto result = PXZip::extractAll(archive, dir / "out");
+  ASSERT_TRUE(result.ok) << result.error;
+  EXPECT_EQ(result.entries.size(), entries.size());
+  std::map<std::string, std::string> expected;
+  for (const auto& [name, bytes] : entries) expected[name] = bytes;
+  for (const auto& [name, bytes] : expected) {
+    SCOPED_TRACE(name);
+    EXPECT_EQ(plexa::test::readText(dir / ("out/" + name)), bytes);
+  }
+  EXPECT_EQ(tree(dir / "out").size(), expected.size() + 2);  // and the two folders
+}
+
+TEST(ZipExtractWrites, OnlyTheWantedEntriesYetJudgesThemAll) {
+  TempDir dir;
+  std::string archive = dir / "doc.sketch";
+  ASSERT_TRUE(PXZip::zipEntries({{"document.json", "{}"},
+                                 {"images/a.png", patterned(5000, 1)},
+                                 {"previews/preview.png", "PNG"},
+                                 {"pages/P.json", patterned(400u << 10, 2)}},
+                                archive));
+  auto jsonOnly = [](const std::string& name) { return name.ends_with(".json"); };
+  auto result = PXZip::extractAll(archive, dir / "out", {}, jsonOnly);
+  ASSERT_TRUE(result.ok) << result.error;
+  EXPECT_EQ(result.entries, (std::vector<std::string>{"document.json", "pages/P.json"}));
+  // The folders are made all the same, empty where nothing was wanted.
+  EXPECT_EQ(tree(dir / "out"), (std::vector<std::string>{"document.json", "images", "pages", "pages/P.json", "previews"}));
+  EXPECT_EQ(plexa::test::readText(dir / "out/pages/P.json"), patterned(400u << 10, 2));
+
+  // A hostile entry is refused even though it would be skipped.
+  std::string hostile = writeBytes(dir / "hostile.sketch", rawZip({{"document.json", "{}"}, {"../evil.png", "x"}}));
+  auto refused = PXZip::extractAll(hostile, dir / "hostile-out", {}, jsonOnly);
+  EXPECT_FALSE(refused.ok);
+  EXPECT_NE(refused.error.find("unsafe path"), std::string::npos) << refused.error;
+  EXPECT_FALSE(PXFileManager::fileExists(dir / "hostile-out/document.json"));
+}
+
+TEST(ZipExtractFails, OnDeflatedEntriesWhoseChecksumIsWrong) {
+  TempDir dir;
+  // Both sizes: the small ones go through one worker, the large ones are shared out.
+  for (size_t size : {size_t{3000}, size_t{600} << 10}) {
+    SCOPED_TRACE(size);
+    std::string data = patterned(size, static_cast<uint32_t>(size));
+    std::string good = dir / "good.zip";
+    ASSERT_TRUE(PXZip::zipEntries({{"document.json", "{}"}, {"pages/P.json", data}}, good));
+    std::string bytes = plexa::test::readText(good);
+    // The checksum sits in the local header and the central directory.
+    const uint32_t crc = crc32(data);
+    const std::string field{static_cast<char>(crc), static_cast<char>(crc >> 8), static_cast<char>(crc >> 16),
+                            static_cast<char>(crc >> 24)};
+    size_t replaced = 0;
+    for (size_t at = bytes.find(field); at != std::string::npos; at = bytes.find(field, at + 4), ++replaced)
+      bytes[at] = static_cast<char>(bytes[at] ^ 0x01);
+    ASSERT_EQ(replaced, 2u);
+    std::string damaged = writeBytes(dir / "damaged.zip", bytes);
+    auto result = PXZip::extractAll(damaged, dir / ("out" + std::to_string(size)));
+    EXPECT_FALSE(result.ok);
+    EXPECT_NE(result.error.find("corrupt entry data"), std::string::npos) << result.error;
+  }
 }
