@@ -179,32 +179,26 @@ struct ExportRun {
   bool exists(const std::string& name) const { return PXFileManager::fileExists(file(name)); }
 };
 
-TEST(PXMetaExporterFiles, WritesTheMetaAndPathsFilesOfAScreen) {
+TEST(PXMetaExporterFiles, ExportsASymbolMasterLikeAnArtboard) {
   ExportRun run(designDocument());
-  test::LogCapture logs;
-  auto path = run.exporter->formattedMetaJSONFileForArtboardID("HOME", true, run.output);
-  ASSERT_EQ(path, run.file("HOME.json"));
-  expectGolden(*path, run.output, "design-HOME.json");
-  EXPECT_EQ(test::readJson(run.file("HOME-paths.json")), test::readJson(*path).at("__exportedImagePaths"));
-  EXPECT_FALSE(logs.contains("crash find"));
-
-  // A symbol master is exported like an artboard.
-  ASSERT_TRUE(run.exporter->formattedMetaJSONFileForArtboardID("BADGE-MASTER", true, run.output));
+  ASSERT_EQ(run.exporter->formattedMetaJSONFileForArtboardID("BADGE-MASTER", true, run.output),
+            run.file("BADGE-MASTER.json"));
   JsonValue master = test::readJson(run.file("BADGE-MASTER.json"));
   EXPECT_EQ(master.at("pageName"), "Symbols");
   EXPECT_EQ(master.at("pageIndex"), 1);
   EXPECT_TRUE(run.exists("BADGE-MASTER-paths.json"));
 }
 
-TEST(PXMetaExporterFiles, ExportingAgainReplacesEarlierFilesWhole) {
+TEST(PXMetaExporterFiles, WritesTheMetaAndPathsFilesOfAScreenReplacingEarlierFilesWhole) {
   ExportRun run(designDocument());
+  test::LogCapture logs;
   ASSERT_TRUE(PXFileManager::createDirectory(run.output, true));
   const std::string stale(1 << 20, 'x');  // longer than the new files: no tail may survive
   for (const char* name : {"HOME.json", "HOME-paths.json", "__uploadInfo.json"}) test::writeText(run.file(name), stale);
   for (int round = 0; round < 2; ++round) {
     SCOPED_TRACE(round);
     auto path = run.exporter->formattedMetaJSONFileForArtboardID("HOME", true, run.output);
-    ASSERT_TRUE(path);
+    ASSERT_EQ(path, run.file("HOME.json"));
     expectGolden(*path, run.output, "design-HOME.json");
     EXPECT_EQ(test::readJson(run.file("HOME-paths.json")), test::readJson(*path).at("__exportedImagePaths"));
     run.exporter->formattedJSONFileForSelectedArtboardIDs({"HOME"}, {"HOME"}, 1, "/designs/Design File.sketch",
@@ -214,6 +208,7 @@ TEST(PXMetaExporterFiles, ExportingAgainReplacesEarlierFilesWhole) {
               (std::vector<std::string>{"HOME-paths.json", "HOME.json", "__uploadInfo.json"}))
         << "no temporary file is left behind";
   }
+  EXPECT_FALSE(logs.contains("crash find"));
 }
 
 TEST(PXMetaExporterFiles, AcceptsARelativeOutputFolder) {
@@ -286,10 +281,11 @@ TEST(PXMetaExporterUploadInfo, DescribesEveryArtboard) {
   EXPECT_EQ(sync.at("JPG").at("index"), 3) << "counted in all IDs, not in the selection";
   EXPECT_EQ(sync.at("GONE").at("index"), 5);
 
-  run.exporter->formattedJSONFileForSelectedArtboardIDs({}, {"PNG"}, 0.5, "/designs/a", run.output);
-  EXPECT_EQ(test::readJson(run.file("__uploadInfo.json")).at("syncInfo").at("PNG").at("density"), "0.5x");
-  run.exporter->formattedJSONFileForSelectedArtboardIDs({}, {"PNG"}, 1.5, "/designs/a", run.output);
-  EXPECT_EQ(test::readJson(run.file("__uploadInfo.json")).at("syncInfo").at("PNG").at("density"), "1.5x");
+  for (double scale : {0.5, 1.5}) {
+    run.exporter->formattedJSONFileForSelectedArtboardIDs({}, {"PNG"}, scale, "/designs/a", run.output);
+    EXPECT_EQ(test::readJson(run.file("__uploadInfo.json")).at("syncInfo").at("PNG").at("density"),
+              (scale == 0.5 ? "0.5x" : "1.5x"));
+  }
 }
 
 TEST(PXMetaExporterUploadInfo, SanitizesNames) {
