@@ -34,17 +34,6 @@ std::chrono::system_clock::time_point fromTimespec(const struct timespec& ts) {
           std::chrono::seconds(ts.tv_sec) + std::chrono::nanoseconds(ts.tv_nsec)));
 }
 
-// The whole of `data`, across short writes and interruptions.
-bool writeAll(int fd, std::string_view data) {
-  while (!data.empty()) {
-    ssize_t n = ::write(fd, data.data(), data.size());
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    data.remove_prefix(static_cast<size_t>(n));
-  }
-  return true;
-}
-
 }  // namespace
 
 namespace PXFileManager {
@@ -196,6 +185,16 @@ bool writeFileAtomically(const std::string& path, std::string_view data, std::st
     setError(error, ec);
     fs::remove(temp, ec);
     return false;
+  }
+  return true;
+}
+
+bool writeAll(int fd, std::string_view data) {
+  while (!data.empty()) {
+    ssize_t n = ::write(fd, data.data(), data.size());
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    data.remove_prefix(static_cast<size_t>(n));
   }
   return true;
 }

@@ -44,6 +44,8 @@ bool writeFileAtomically(const std::string& path, std::string_view data, std::st
 // that fails half-way is removed. An entry already at `path` (possibly a
 // link) is never written through: it is replaced as writeFileAtomically does.
 bool writeNewFile(const std::string& path, std::string_view data, std::string* error = nullptr);
+// The whole of `data` to an open descriptor, across short writes and interruptions.
+bool writeAll(int fd, std::string_view data);
 
 // A unique new folder under the system's temporary folder.
 std::string makeTemporaryDirectory(const std::string& prefix);

@@ -3,6 +3,8 @@
 #include "Files.h"
 #include "Parallel.h"
 #include "PathString.h"
+#include "ZipInflate.h"
+#include "ZipReader.h"
 
 #include <libdeflate.h>
 #include <zip.h>
@@ -75,17 +77,6 @@ bool isSymbolicLinkEntry(zip_t* z, zip_uint64_t index) {
   return opsys == ZIP_OPSYS_UNIX && ((attributes >> 16) & S_IFMT) == S_IFLNK;
 }
 
-bool writeAll(int fd, const char* data, size_t size) {
-  while (size > 0) {
-    ssize_t n = ::write(fd, data, size);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    data += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
-
 // Takes `n` bytes from the shared budget; false when it would run out.
 bool takeFromBudget(std::atomic<uint64_t>& budget, uint64_t n) {
   uint64_t left = budget.load();
@@ -110,12 +101,6 @@ struct FileEntry {
   std::string target;
   zip_stat_t stat;
 };
-
-bool isWholeDeflated(const zip_stat_t& st) {
-  const auto needed = ZIP_STAT_SIZE | ZIP_STAT_COMP_SIZE | ZIP_STAT_COMP_METHOD | ZIP_STAT_CRC | ZIP_STAT_ENCRYPTION_METHOD;
-  return (st.valid & needed) == needed && st.comp_method == ZIP_CM_DEFLATE && st.encryption_method == ZIP_EM_NONE &&
-         st.size <= kWholeEntryLimit && st.comp_size <= kWholeEntryLimit;
-}
 
 bool isSmall(const zip_stat_t& st) { return (st.valid & ZIP_STAT_SIZE) && st.size < kSmallEntryLimit; }
 
@@ -143,7 +128,7 @@ bool writeFile(const std::string& target, const char* data, size_t size, std::st
     error = "cannot create " + printable(target);
     return false;
   }
-  bool ok = writeAll(fd, data, size);
+  bool ok = PXFileManager::writeAll(fd, {data, size});
   if (::close(fd) != 0) ok = false;
   if (!ok) error = "cannot write " + printable(target);
   return ok;
@@ -181,7 +166,7 @@ class EntryWriter {
         inflater_(libdeflate_alloc_decompressor(), &libdeflate_free_decompressor) {}
 
   bool write(const FileEntry& entry, std::string& error) {
-    return isWholeDeflated(entry.stat) ? writeWhole(entry, error) : writeStreamed(entry, error);
+    return zipinflate::isWholeDeflated(entry.stat, kWholeEntryLimit) ? writeWhole(entry, error) : writeStreamed(entry, error);
   }
 
  private:
@@ -197,10 +182,7 @@ class EntryWriter {
     }
     if (!archive_.readPacked(entry, packed_, error)) return false;
     char* data = data_.reserve(st.size);
-    size_t produced = 0;
-    if (libdeflate_deflate_decompress(inflater_.get(), packed_.data(), st.comp_size, data, st.size, &produced) !=
-            LIBDEFLATE_SUCCESS ||
-        produced != st.size || libdeflate_crc32(0, data, st.size) != st.crc) {
+    if (!zipinflate::inflateWhole(inflater_.get(), packed_.data(), st, data)) {
       error = "corrupt entry data: " + printable(entry.name);
       return false;
     }
@@ -242,7 +224,7 @@ class EntryWriter {
         error = "archive exceeds the uncompressed size limit";
         return false;
       }
-      if (!writeAll(fd, buffer, static_cast<size_t>(n))) {
+      if (!PXFileManager::writeAll(fd, {buffer, static_cast<size_t>(n)})) {
         error = "cannot write " + printable(target);
         return false;
       }
@@ -430,27 +412,10 @@ std::optional<std::vector<std::string>> entryNames(const std::string& archivePat
 }
 
 std::optional<std::string> readEntry(const std::string& archivePath, const std::string& name, std::string* error) {
-  auto z = openForReading(archivePath, error);
-  if (!z) return std::nullopt;
-  zip_stat_t st;
-  if (zip_stat(z.get(), name.c_str(), 0, &st) != 0) {
-    if (error) *error = "no entry " + name;
-    return std::nullopt;
-  }
-  std::unique_ptr<zip_file_t, FileCloser> in(zip_fopen(z.get(), name.c_str(), 0));
-  if (!in) {
-    if (error) *error = zip_strerror(z.get());
-    return std::nullopt;
-  }
-  std::string data;
-  char buffer[1 << 16];
-  zip_int64_t n;
-  while ((n = zip_fread(in.get(), buffer, sizeof buffer)) > 0) data.append(buffer, static_cast<size_t>(n));
-  if (n < 0) {
-    if (error) *error = zip_file_strerror(in.get());
-    return std::nullopt;
-  }
-  return data;
+  auto reader = PXZipReader::open(archivePath, error);
+  if (!reader) return std::nullopt;
+  reader->maxEntryBytes = UINT64_MAX;  // callers read what they asked for; extraction has the caps
+  return reader->read(name, error);
 }
 
 bool zipFolder(const std::string& folder, const std::string& archivePath, std::string* error) {

@@ -1,5 +1,7 @@
 #include "ZipReader.h"
 
+#include "ZipInflate.h"
+
 #include <libdeflate.h>
 #include <zip.h>
 
@@ -40,11 +42,7 @@ bool inflateWhole(zip_t* z, libdeflate_decompressor* inflater, const zip_stat_t&
   if (zip_fread(in.get(), packed.data(), packed.size()) != static_cast<zip_int64_t>(packed.size()))
     return fail(error, "corrupt entry data");
   out.assign(st.size, '\0');
-  size_t produced = 0;
-  if (libdeflate_deflate_decompress(inflater, packed.data(), packed.size(), out.data(), out.size(), &produced) !=
-          LIBDEFLATE_SUCCESS ||
-      produced != st.size || libdeflate_crc32(0, out.data(), out.size()) != st.crc)
-    return fail(error, "corrupt entry data");
+  if (!zipinflate::inflateWhole(inflater, packed.data(), st, out.data())) return fail(error, "corrupt entry data");
   return true;
 }
 
@@ -108,15 +106,13 @@ std::optional<std::string> PXZipReader::read(const std::string& name, std::strin
     fail(error, "no entry " + name);
     return std::nullopt;
   }
-  const auto needed = ZIP_STAT_INDEX | ZIP_STAT_SIZE | ZIP_STAT_COMP_SIZE | ZIP_STAT_COMP_METHOD | ZIP_STAT_CRC |
-                      ZIP_STAT_ENCRYPTION_METHOD;
-  const bool known = (st.valid & needed) == needed;
-  if (known && (st.size > maxEntryBytes || st.comp_size > maxEntryBytes)) {
+  const bool sized = (st.valid & (ZIP_STAT_SIZE | ZIP_STAT_COMP_SIZE)) == (ZIP_STAT_SIZE | ZIP_STAT_COMP_SIZE);
+  if (sized && (st.size > maxEntryBytes || st.comp_size > maxEntryBytes)) {
     fail(error, "entry " + name + " is too large");
     return std::nullopt;
   }
   std::string data;
-  const bool whole = known && st.comp_method == ZIP_CM_DEFLATE && st.encryption_method == ZIP_EM_NONE;
+  const bool whole = (st.valid & ZIP_STAT_INDEX) && zipinflate::isWholeDeflated(st, maxEntryBytes);
   bool ok = whole ? inflateWhole(z, handle_->inflater, st, data, error)
                   : readStreamed(z, st, maxEntryBytes, data, error);
   if (!ok) return std::nullopt;

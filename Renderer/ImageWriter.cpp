@@ -304,13 +304,8 @@ bool writeInside(const std::string& folder, const std::string& name, const std::
   if (!PXResolveInside(folder, *target)) return fail("the name leaves the output folder");
   int fd = ::open(target->c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
   if (fd < 0) return fail("cannot open " + *target + " for writing");
-  size_t written = 0;
-  while (written < bytes.size()) {
-    ssize_t n = ::write(fd, bytes.data() + written, bytes.size() - written);
-    if (n <= 0) break;
-    written += static_cast<size_t>(n);
-  }
-  bool ok = ::close(fd) == 0 && written == bytes.size();
+  bool written = PXFileManager::writeAll(fd, bytes);
+  bool ok = ::close(fd) == 0 && written;
   return ok ? true : fail("cannot write " + *target);
 }
 
