@@ -6,6 +6,7 @@
 #include "Log.h"
 #include "MainQueue.h"
 #include "Memory.h"
+#include "Parallel.h"
 #include "PathString.h"
 #include "PXSymbolDetacherV2.h"
 #include "Zip.h"
@@ -250,15 +251,22 @@ bool PXSketchUnzipper::runV2Detacher(PXSymbolDetacherV2& v2) {
 // reports the same file either way.
 void PXSketchUnzipper::keepDetachedPages(PXSymbolDetacherV2& v2) {
   auto pagesFolder = PXResolveInside(v2.workingUrl, "pages");
+  auto inPagesFolder = [&](const std::string& url) {
+    return pagesFolder && PXDeletingLastPathComponent(url) == *pagesFolder && PXPathExtension(url) == "json";
+  };
+  // Pages are independent, each in its own arena: normalised several at once.
+  std::vector<PXJsonRoundTrip> roundTrips(v2.pages.size());
+  PXParallelFor(v2.pages.size(), [&](std::size_t i) {
+    if (inPagesFolder(v2.pages[i].url)) roundTrips[i] = PXJsonNormalizeAsWritten(v2.pages[i].json);
+  });
   PXSketchOpenFormatReader::PageMap kept;
   bool unreadable = false;
-  for (auto& page : v2.pages) {
-    if (!pagesFolder || PXDeletingLastPathComponent(page.url) != *pagesFolder || PXPathExtension(page.url) != "json")
-      continue;
-    auto roundTrip = PXJsonNormalizeAsWritten(page.json);
-    if (roundTrip.nonFinite > 0 && !writesDetachedFile)
-      PXLogWarn("Replaced {} non-finite numbers in {}", roundTrip.nonFinite, page.url);
-    if (!roundTrip.readable) {
+  for (std::size_t i = 0; i < v2.pages.size(); ++i) {
+    auto& page = v2.pages[i];
+    if (!inPagesFolder(page.url)) continue;
+    if (roundTrips[i].nonFinite > 0 && !writesDetachedFile)
+      PXLogWarn("Replaced {} non-finite numbers in {}", roundTrips[i].nonFinite, page.url);
+    if (!roundTrips[i].readable) {
       unreadable = true;
       continue;
     }

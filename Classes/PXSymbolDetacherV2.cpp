@@ -270,6 +270,7 @@ void PXSymbolDetacherV2::detachSymbols(const Progress& progress) {
   expansions_.clear();
   identifiers_->reset();
   failureReason.reset();
+  refused_ = false;
   const std::size_t total = pages.size();
   report(progress, 0, total);
   // Counted before anything is copied, so that a document that expands
@@ -283,11 +284,7 @@ void PXSymbolDetacherV2::detachSymbols(const Progress& progress) {
   std::vector<JsonObject*> masters = mastersOnPages();
   mastersInOrder_ = !masters.empty();
   outermost_.clear();
-  for (std::size_t i = 0; i < pages.size() && !failureReason; ++i) {
-    std::vector<std::string> detachedSymbols;
-    detachSymbolsForNode(pages[i].json.get_object(), detachedSymbols);
-    report(progress, i, total);
-  }
+  walkPages(progress);
   if (mastersInOrder_) {
     detachMastersInOrder(std::move(masters));
     // Overrides match the copied layers' original identifiers, so they are
@@ -333,6 +330,34 @@ std::vector<JsonObject*> PXSymbolDetacherV2::mastersOnPages() {
   for (auto& page : pages) visit(visit, page.json.get_object(), false);
   if (insideInstance) found.clear();
   return found;
+}
+
+// While masters wait for their turn and identifiers are renewed at the end,
+// pages share nothing the walk changes (each copies into its own arena), so
+// they are walked several at once; otherwise identifiers are drawn as the
+// walk goes, in the pages' order.
+void PXSymbolDetacherV2::walkPages(const Progress& progress) {
+  const std::size_t total = pages.size();
+  std::exception_ptr failure;
+  auto walk = [&](std::size_t i) {
+    if (stopped()) return;
+    try {
+      std::vector<std::string> detachedSymbols;
+      detachSymbolsForNode(pages[i].json.get_object(), detachedSymbols);
+    } catch (...) {
+      std::lock_guard lock(walkLock_);
+      if (!failure) failure = std::current_exception();
+      return;
+    }
+    std::lock_guard lock(walkLock_);
+    report(progress, i, total);
+  };
+  if (mastersInOrder_) {
+    PXParallelFor(total, walk);
+  } else {
+    for (std::size_t i = 0; i < total && !failure; ++i) walk(i);
+  }
+  if (failure) std::rethrow_exception(failure);
 }
 
 std::unordered_set<const JsonObject*> PXSymbolDetacherV2::mastersUsedBy(
@@ -475,6 +500,7 @@ std::size_t PXSymbolDetacherV2::expansionOfLayers(const JsonObject& node, std::v
 }
 
 void PXSymbolDetacherV2::refuse(std::size_t copies) {
+  std::lock_guard lock(walkLock_);
   if (failureReason) return;
   const std::string atLeast = copies == std::numeric_limits<std::size_t>::max() ? "an unbounded number of"
                                                                                 : fmt::format("at least {}", copies);
@@ -482,15 +508,17 @@ void PXSymbolDetacherV2::refuse(std::size_t copies) {
       "Symbol detachment refused: the document's symbol instances expand to {} layers, more than the limit of {}",
       atLeast, maxCopiedLayers);
   PXLogError("{}", *failureReason);
+  refused_ = true;
 }
 
 bool PXSymbolDetacherV2::mayDetachMore(const JsonObject& instance, const std::string& symbolID,
                                        const std::vector<std::string>& detachedSymbols) {
   if (detachedSymbols.size() < maxNestingDepth) return true;
   // A hostile document can hit the limit many times: warn once per run.
-  if (!limitWarned_) PXLogWarn("Symbol nesting too deep, instance kept: {}[{}]", textOf(instance, "name"), symbolID);
-  else PXLogVerbose("Symbol nesting too deep, instance kept: {}[{}]", textOf(instance, "name"), symbolID);
-  limitWarned_ = true;
+  if (!limitWarned_.exchange(true))
+    PXLogWarn("Symbol nesting too deep, instance kept: {}[{}]", textOf(instance, "name"), symbolID);
+  else
+    PXLogVerbose("Symbol nesting too deep, instance kept: {}[{}]", textOf(instance, "name"), symbolID);
   return false;
 }
 
@@ -535,6 +563,7 @@ void PXSymbolDetacherV2::detachSymbolsForNode(JsonObject& node, std::vector<std:
   // Overrides are matched by the identifiers the master's layers carry, so
   // they are renewed only once the outermost instance is complete.
   if (detachedSymbols.empty() && mastersInOrder_) {
+    std::lock_guard lock(walkLock_);
     outermost_.insert(&node);
   } else if (detachedSymbols.empty()) {
     std::string path = textOf(node, "do_objectID");

@@ -17,6 +17,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -235,19 +236,23 @@ class PXSymbolDetacherV2 {
   std::unordered_set<const JsonObject*> mastersUsedBy(const JsonObject& master,
                                                       const std::unordered_set<const JsonObject*>& onPages) const;
   void renewIdentifiersBelow(JsonObject& node);
-  bool stopped() const { return isCancelled() || failureReason.has_value(); }
+  // Every page's own layers (masters wait for their turn when they do).
+  void walkPages(const Progress& progress);
+  bool stopped() const { return isCancelled() || refused_.load(); }
 
   std::set<std::string> detachingArtboardIds_;
   std::atomic<bool> cancelled_{false};
   std::unique_ptr<IdentifierSource> identifiers_;
-  std::size_t copiedLayers_ = 0;
+  std::atomic<std::size_t> copiedLayers_{0};
+  std::atomic<bool> refused_{false};
+  std::mutex walkLock_;  // the walk's shared records, while pages are walked at once
   std::map<std::string, std::size_t> expansions_;
   boost::json::storage_ptr symbolStorage_;
   // During detachSymbols: masters on pages are left for their own turn, and
   // identifiers are renewed at the end below these outermost instances.
   bool mastersInOrder_ = false;
   std::unordered_set<const JsonObject*> outermost_;
-  bool limitWarned_ = false;
+  std::atomic<bool> limitWarned_{false};
 };
 
 }  // namespace plexa
