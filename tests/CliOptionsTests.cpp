@@ -54,6 +54,7 @@ TEST(CliOptions, RefusesBadValuesInPlainWords) {
       {{"a.sketch", "--batch-size", "99999999999999999999999"}, "--batch-size: is too large"},
       {{"a.sketch", "-q", "-v"}, "excludes"},
       {{"a.sketch", "--color", "sometimes"}, "--color"},
+      {{"a.sketch", "--detach", "sometimes"}, "--detach: sometimes not in"},
       {{}, "a .sketch file is required"},
   };
   for (const auto& c : cases) {
@@ -100,7 +101,10 @@ TEST(CliOptions, HelpNamesTheProgramTheRequiredOutputAndTheExitCodes) {
   EXPECT_NE(help.out.find("Usage: plexa-extract "), std::string::npos) << help.out;
   EXPECT_EQ(help.out.find("/some/build/tree"), std::string::npos);
   EXPECT_NE(help.out.find("required for extraction"), std::string::npos);
-  for (const char* code : {"Exit codes:", "  0 ", "  1 ", "  2 ", "  3 ", "128+N", "--stable-ids", "--color", "-q,"})
+  for (const char* code : {"Exit codes:", "  0 ", "  1 ", "  2 ", "  3 ", "128+N", "--stable-ids", "--color", "-q,",
+                           "--artboards", "--scale", "--meta", "--images", "--assets", "--hotspots", "--exclude-ignored",
+                           "--detach", "--pretty", "--sketchtool", "--max-concurrent", "--batch-size", "--progress",
+                           "--save-detached", "--detach-timeout", "--list-artboards"})
     EXPECT_NE(help.out.find(code), std::string::npos) << code;
 }
 

@@ -1,6 +1,7 @@
 // What plexa-extract's exit code and last lines say about a run: partial
-// runs, refused arguments, files that are not Sketch documents, and
-// --save-detached. (Sketch that cannot be started: CliOutputFolderTests.)
+// runs, refused arguments, files that are not Sketch documents,
+// --save-detached and --list-artboards. (Sketch that cannot be started:
+// CliOutputFolderTests.)
 #include "CliRun.h"
 #include "Files.h"
 #include "TestSupport.h"
@@ -59,6 +60,7 @@ TEST(CliOutcome, RefusedRunsSayWhyAndWriteNothing) {
   const std::string empty = dir / "empty.sketch", text = dir / "text.sketch";
   writeText(empty, "");
   writeText(text, "not a zip");
+  writeText(dir / "file", "x");
   const std::string noDocument = SketchFixture()
                                      .omitEntry("document.json")
                                      .addPage(page("P1", "Page", {artboard("A1", "One", frame(0, 0, 10, 10))}))
@@ -80,6 +82,10 @@ TEST(CliOutcome, RefusedRunsSayWhyAndWriteNothing) {
       {{sample, "-o", out, "--artboards", "NOPE", "--sketchtool", tool}, 2, "no artboard NOPE"},
       {{sample, "-o", out, "--artboards", kHome + ",NOPE", "--sketchtool", tool}, 2, "no artboard NOPE"},
       {{sample, "-o", out, "--artboards", " , ", "--sketchtool", tool}, 2, "no artboard ID given"},
+      {{sample, "-o", out, "--no-such-flag"}, 2, "unknown option --no-such-flag"},
+      {{dir / "nope.sketch", "-o", out}, 1, dir / "nope.sketch: no such file"},
+      {{dir / "folder.sketch", "-o", out}, 1, dir / "folder.sketch: is a directory"},
+      {{sample, "-o", dir / "file/out"}, 1, dir / "file/out: cannot create the folder"},
       // The user's file is named, never a working copy, whatever the mode.
       {{empty, "-o", out}, 1, empty + ": not a Sketch document: the file is empty"},
       {{empty, "--list-artboards"}, 1, empty + ": not a Sketch document: the file is empty"},
@@ -135,6 +141,13 @@ TEST(CliOutcome, SaveDetachedReplacesAnOlderCopyWhole) {
   ASSERT_TRUE(names);
   EXPECT_NE(std::find(names->begin(), names->end(), "document.json"), names->end());
   for (const auto& name : entriesOf(dir.path())) EXPECT_EQ(name.find(".partial"), std::string::npos) << name;
+
+  // The detached copy holds the same artboards, listed in display order.
+  auto listed = runCli({sample, "--list-artboards"});
+  ASSERT_EQ(listed.exitCode, 0) << listed.output;
+  EXPECT_TRUE(contains(listed.output, kHome + "\tHome\tartboard\n")) << listed.output;
+  EXPECT_LT(listed.output.find("Details"), listed.output.find("Home"));
+  EXPECT_EQ(runCli({dir / "detached.sketch", "--list-artboards"}).output, listed.output);
 }
 
 TEST(CliOutcome, StableIdentifiersMakeRepeatedRunsByteIdentical) {

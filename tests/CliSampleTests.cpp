@@ -1,7 +1,9 @@
 // The README's main job: the shipped sample extracted with no flags on a
-// machine without Sketch renders real images through the bundled renderer.
+// machine without Sketch renders real images through the bundled renderer;
+// and every real document of the corpus goes through the whole program.
 
 #include "CliRun.h"
+#include "Files.h"
 #include "ImageCompare.h"
 #include "Json.h"
 #include "TestSupport.h"
@@ -10,6 +12,8 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <set>
+#include <sstream>
 
 using namespace plexa;
 using namespace plexa::test;
@@ -47,7 +51,6 @@ TEST(CliSample, ExtractsRealImagesAndAssetsWithoutSketch) {
 
   auto sizes = boardSizes();
   ASSERT_EQ(sizes.size(), 4u);
-  size_t images = 0;
   for (const auto& [id, size] : sizes) {
     std::string png = out + "/" + id + ".png";
     if (auto image = readPNG(png)) {
@@ -57,13 +60,13 @@ TEST(CliSample, ExtractsRealImagesAndAssetsWithoutSketch) {
       bool inked = false;
       for (size_t i = 3; i < image->pixels.size() && !inked; i += 4) inked = image->pixels[i] == 255;
       EXPECT_TRUE(inked) << id;
-      ++images;
     } else {
       EXPECT_EQ(head(out + "/" + id + ".jpg", 2), "\xFF\xD8") << id << " has neither a PNG nor a JPEG image";
-      ++images;
     }
   }
-  EXPECT_EQ(images, 4u);
+  // Its prototype links become hotspots: a screen link and a URL on Home.
+  auto home = readJson(out + "/5E0B1A3C-1111-4A2B-9C3D-4E5F60718201-hotspots.json");
+  EXPECT_EQ(home.is_array() ? home.as_array().size() : 0u, 2u);
 
   // The two exportable layers: an icon at 1× and 2× and as SVG, and a photo as JPEG.
   std::string icons = out + "/5E0B1A3C-1111-4A2B-9C3D-4E5F60718201/Screens/Home/Card/icons/";
@@ -73,4 +76,40 @@ TEST(CliSample, ExtractsRealImagesAndAssetsWithoutSketch) {
   EXPECT_EQ(twice->height, 2 * once->height);
   EXPECT_NE(readText(icons + "Trip Icon.svg").find("<svg"), std::string::npos);
   EXPECT_EQ(head(out + "/5E0B1A3C-2222-4A2B-9C3D-4E5F60718202/Screens/Details/Photo.jpg", 2), "\xFF\xD8");
+}
+
+TEST(CliSample, ShippedSampleIsWhatTheGeneratorMakes) {
+  TempDir dir;
+  std::string fresh = makeSample(dir.path());
+  auto names = PXZip::entryNames(fresh);
+  ASSERT_TRUE(names);
+  EXPECT_EQ(PXZip::entryNames(kSample), names);
+  for (const auto& name : *names)
+    EXPECT_EQ(PXZip::readEntry(kSample, name), PXZip::readEntry(fresh, name)) << name << ": regenerate the sample";
+}
+
+// What only the whole run shows on real documents: every stage copes, each
+// listed artboard gets its image, and every written path exists.
+TEST(CliCorpus, EveryDocumentExtractsWithAnImagePerArtboard) {
+  auto documents = corpusDocuments();
+  if (documents.empty()) GTEST_SKIP() << "corpus folder not present: " << PLEXA_CORPUS_DIR;
+  for (const auto& document : documents) {
+    SCOPED_TRACE(document);
+    TempDir dir;
+    std::string out = dir / "out";
+    auto result = runCli({document, "-o", out, "--progress", "none", "--sketchtool", fakeSketchtoolPath()});
+    EXPECT_EQ(result.exitCode, 0) << result.output.substr(0, 2000);
+    std::istringstream listed(runCli({document, "--list-artboards"}).output);
+    std::set<std::string> artboards;
+    for (std::string line; std::getline(listed, line);) artboards.insert(line.substr(0, line.find('\t')));
+    for (const auto& id : artboards) {
+      SCOPED_TRACE(id);
+      EXPECT_TRUE(PXFileManager::fileExists(out + "/" + id + ".png") || PXFileManager::fileExists(out + "/" + id + ".jpg"));
+      if (!PXFileManager::fileExists(out + "/" + id + "-paths.json")) continue;
+      JsonValue paths = readJson(out + "/" + id + "-paths.json");
+      for (const auto& record : paths.as_array())
+        EXPECT_TRUE(PXFileManager::fileExists(std::string(PXJsonTextFor(&record, "fullPath").value_or(""))))
+            << compactJson(record);
+    }
+  }
 }

@@ -3,7 +3,6 @@
 
 #include "CliRun.h"
 #include "ImageCompare.h"
-#include "PXSketchTool.h"
 #include "RenderFixtures.h"
 #include "TestSupport.h"
 
@@ -237,22 +236,4 @@ TEST_F(SketchToolTest, MetadataAndHelp) {
   EXPECT_EQ(help.exitCode, 0);
   for (const char* command : {"export artboards", "export layers", "export pages", "metadata"})
     EXPECT_NE(help.text.find(command), std::string::npos) << command;
-}
-
-// The library's driver reads the renderer's lines: the drawn artboard is
-// reported, and the missing one makes the run unsuccessful.
-TEST_F(SketchToolTest, TheDriverSeesExportsAndFailures) {
-  auto tool = PXSketchTool::sketchToolWithPath(std::string(PLEXA_SKETCHTOOL_PATH));
-  ASSERT_TRUE(tool);
-  std::vector<std::string> reported;
-  std::optional<bool> success;
-  tool->sketchFilePath(document, std::vector<std::string>{"AB-RED", "NO-SUCH-ID"}, output, true, 2, 0.7, "png",
-                       [&](const std::optional<std::string>& id, const std::optional<std::string>& remainder,
-                           const std::string& fileName) {
-                         if (id) reported.push_back(*id + "|" + remainder.value_or("") + "|" + fileName);
-                       },
-                       [&](bool ok) { success = ok; });
-  ASSERT_TRUE(pumpMainUntil([&] { return success.has_value(); }));
-  EXPECT_FALSE(*success);
-  EXPECT_EQ(reported, std::vector<std::string>{"AB-RED|@2x.png|AB-RED@2x.png"});
 }

@@ -139,9 +139,13 @@ TEST(RenderDocument, MastersOnOtherPagesDetachAndTheirPageStaysDrawable) {
     ASSERT_EQ(board->node->children.size(), 1u);
     const Node& instance = *board->node->children[0];
     EXPECT_TRUE(instance.isSymbolInstance) << masterFirst;
-    EXPECT_EQ(instance.children.size(), 1u) << masterFirst;
+    EXPECT_EQ(instance.kind, NodeKind::Group) << masterFirst;
+    ASSERT_EQ(instance.children.size(), 1u) << masterFirst;
+    EXPECT_EQ(instance.children[0]->kind, NodeKind::Text) << masterFirst;
     if (!masterFirst) readMaster();
     EXPECT_EQ(document->pageIDForLayer("M1"), std::optional<std::string>("P2"));
+    EXPECT_FALSE(document->pageIDForLayer("no-such-layer"));
+    EXPECT_EQ(document->scenePage("no-such-page"), nullptr);
   }
 }
 

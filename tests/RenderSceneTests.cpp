@@ -237,30 +237,6 @@ TEST(RenderSceneBuilder, DeepNestingIsCutInsteadOfExhaustingTheStack) {
   EXPECT_EQ(depth, kMaxLayerDepth);
 }
 
-TEST(RenderSceneBuilder, DocumentDetachesInstancesOfTheRequestedPageOnly) {
-  TempDir dir;
-  std::string path = writeButtonDocument(dir / "button.sketch");
-  RenderNotes notes;
-  std::string error;
-  auto document = SketchDocument::open(path, notes, &error);
-  ASSERT_TRUE(document) << error;
-  auto pageID = document->pageIDForLayer("A1");
-  ASSERT_TRUE(pageID);
-  EXPECT_FALSE(document->pageIDForLayer("no-such-layer"));
-  const ScenePage* page = document->scenePage(*pageID);
-  ASSERT_TRUE(page);
-  auto artboard = locateNode(*page, "A1");
-  ASSERT_TRUE(artboard);
-  ASSERT_EQ(artboard->node->children.size(), 1u);
-  const Node& detached = *artboard->node->children[0];
-  EXPECT_EQ(detached.kind, NodeKind::Group);
-  ASSERT_FALSE(detached.children.empty());
-  EXPECT_EQ(detached.children[0]->kind, NodeKind::Text);
-  EXPECT_EQ(document->scenePage("no-such-page"), nullptr);
-  auto boards = document->boardIDs();
-  EXPECT_NE(std::find(boards.begin(), boards.end(), "A1"), boards.end());
-}
-
 TEST(RenderSceneBuilder, OpeningSomethingThatIsNotADocumentFails) {
   TempDir dir;
   writeText(dir / "junk.sketch", "not a zip");
