@@ -1,5 +1,8 @@
 #include "Json.h"
 
+#include "JsonArenaPool.h"
+
+#include <boost/container/small_vector.hpp>
 #include <boost/json/monotonic_resource.hpp>
 #include <boost/json/parser.hpp>
 #include <boost/json/parse.hpp>
@@ -17,6 +20,7 @@
 #include <cstdlib>
 #include <memory>
 #include <limits>
+#include <span>
 #include <stdexcept>
 #include <vector>
 
@@ -33,6 +37,9 @@ class Writer {
   explicit Writer(bool pretty) : pretty_(pretty) {}
 
   std::string take() { return std::move(out_); }
+
+  // An object written where it lies: turning it into a value would copy it.
+  void write(const JsonObject& o, int depth) { writeObject(o, depth); }
 
   void write(const JsonValue& v, int depth) {
     switch (v.kind()) {
@@ -155,8 +162,14 @@ bool caseInsensitiveStartsWith(std::string_view s, std::string_view prefix) {
   return true;
 }
 
-std::vector<std::string_view> splitKeyPath(std::string_view path) {
-  std::vector<std::string_view> parts;
+// One step of a key path: a plain key or one of the three operators.
+bool isKeyPathOperator(std::string_view key) { return key == "@count" || key == "@firstObject" || key == "@max"; }
+
+// Paths are a handful of keys; they are split into a buffer on the stack.
+using KeyPathParts = boost::container::small_vector<std::string_view, 8>;
+
+KeyPathParts splitKeyPath(std::string_view path) {
+  KeyPathParts parts;
   size_t start = 0;
   while (start <= path.size()) {
     size_t dot = path.find('.', start);
@@ -167,30 +180,122 @@ std::vector<std::string_view> splitKeyPath(std::string_view path) {
   return parts;
 }
 
-std::optional<JsonValue> valueForKey(const JsonValue& v, std::string_view key) {
-  if (const auto* o = v.if_object()) {
-    auto it = o->find(key);
-    if (it == o->end()) return std::nullopt;
-    return it->value();
+// A value reached by a key path: a part of the input while only objects
+// were stepped through, a value of its own once an array was mapped or an
+// operator computed something. Owned values use the default storage, never
+// the (possibly arena) storage of the input.
+class KeyPathCursor {
+ public:
+  KeyPathCursor() = default;
+  explicit KeyPathCursor(const JsonValue* borrowed) : borrowed_(borrowed) {}
+  explicit KeyPathCursor(JsonValue owned) : owned_(std::move(owned)) {}
+
+  const JsonValue& get() const { return owned_ ? *owned_ : *borrowed_; }
+
+  // Moves on to `part`, an element or member of the current value (the
+  // const_cast reaches back into our own value, which is not const).
+  void narrowTo(const JsonValue& part) {
+    if (!owned_) {
+      borrowed_ = &part;
+      return;
+    }
+    JsonValue kept = std::move(const_cast<JsonValue&>(part));
+    owned_ = std::move(kept);
   }
-  if (const auto* a = v.if_array()) {
-    JsonArray mapped;
-    for (const auto& e : *a)
-      if (auto r = valueForKey(e, key)) mapped.push_back(std::move(*r));
-    return JsonValue(std::move(mapped));
+
+  // Moves on to a value found from the current one, which may lie inside
+  // the value this cursor owns: that one is taken before it goes.
+  void replaceWith(KeyPathCursor&& next) {
+    if (owned_ && !next.owned_) {
+      JsonValue kept = std::move(next).take();
+      owned_ = std::move(kept);
+      return;
+    }
+    *this = std::move(next);
   }
-  return std::nullopt;
+
+  JsonValue take() && {
+    if (owned_) return std::move(*owned_);
+    return JsonValue(*borrowed_, boost::json::storage_ptr());
+  }
+
+ private:
+  const JsonValue* borrowed_ = nullptr;
+  std::optional<JsonValue> owned_;
+};
+
+bool followKeys(KeyPathCursor& cursor, std::span<const std::string_view> keys);
+
+// `keys` applied to every element of `array`, absent results left out.
+JsonArray mappedOverArray(const JsonArray& array, std::span<const std::string_view> keys) {
+  JsonArray mapped;
+  for (const auto& element : array) {
+    KeyPathCursor cursor(&element);
+    if (followKeys(cursor, keys)) mapped.push_back(std::move(cursor).take());
+  }
+  return mapped;
 }
 
-std::optional<JsonValue> maxOf(const JsonArray& a) {
-  std::optional<double> best;
-  const JsonValue* bestValue = nullptr;
-  for (const auto& e : a) {
-    auto d = PXJsonDouble(&e);
-    if (d && (!best || *d > *best)) { best = d; bestValue = &e; }
+// Plain keys only: objects are looked into, arrays mapped over. False when
+// a key is missing or meets a value that is neither.
+bool followKeys(KeyPathCursor& cursor, std::span<const std::string_view> keys) {
+  for (size_t i = 0; i < keys.size(); ++i) {
+    const JsonValue& current = cursor.get();
+    if (const auto* o = current.if_object()) {
+      auto it = o->find(keys[i]);
+      if (it == o->end()) return false;
+      cursor.narrowTo(it->value());
+    } else if (const auto* a = current.if_array()) {
+      cursor = KeyPathCursor(JsonValue(mappedOverArray(*a, keys.subspan(i))));
+      return true;
+    } else {
+      return false;
+    }
   }
-  if (!bestValue) return std::nullopt;
-  return *bestValue;
+  return true;
+}
+
+// Mapping `keys` over `array` and taking the first result, without building
+// the results that follow it.
+bool firstMapped(const JsonArray& array, std::span<const std::string_view> keys, KeyPathCursor& cursor) {
+  for (const auto& element : array) {
+    KeyPathCursor candidate(&element);
+    if (followKeys(candidate, keys)) {
+      cursor.replaceWith(std::move(candidate));
+      return true;
+    }
+  }
+  return false;
+}
+
+// "@max.<key>": the element with the largest numeric <key> (the first of
+// equals), after mapping <key> over the array reached so far.
+bool largestMapped(const JsonValue& current, std::string_view key, KeyPathCursor& cursor) {
+  std::optional<double> best;
+  KeyPathCursor bestCursor;
+  auto consider = [&](KeyPathCursor candidate) {
+    auto d = PXJsonDouble(&candidate.get());
+    if (d && (!best || *d > *best)) {
+      best = d;
+      bestCursor = std::move(candidate);
+    }
+  };
+  if (const auto* a = current.if_array()) {
+    const std::string_view keys[] = {key};
+    for (const auto& element : *a) {
+      KeyPathCursor candidate(&element);
+      if (followKeys(candidate, keys)) consider(std::move(candidate));
+    }
+  } else if (const auto* o = current.if_object()) {
+    auto it = o->find(key);
+    if (it == o->end() || !it->value().is_array()) return false;
+    for (const auto& element : it->value().get_array()) consider(KeyPathCursor(&element));
+  } else {
+    return false;
+  }
+  if (!best) return false;
+  cursor.replaceWith(std::move(bestCursor));
+  return true;
 }
 
 constexpr size_t kMaxParseDepth = 1024;
@@ -311,15 +416,28 @@ PXJsonRoundTrip PXJsonNormalizeAsWritten(JsonValue& value) {
   return tripper.result;
 }
 
-std::optional<std::string> PXJsonSerialize(const JsonValue& value, bool pretty, std::string* error) {
+namespace {
+
+template <typename Json>
+std::optional<std::string> serialize(const Json& json, bool pretty, std::string* error) {
   try {
     Writer w(pretty);
-    w.write(value, 0);
+    w.write(json, 0);
     return w.take();
   } catch (const std::exception& e) {
     if (error) *error = e.what();
     return std::nullopt;
   }
+}
+
+}  // namespace
+
+std::optional<std::string> PXJsonSerialize(const JsonValue& value, bool pretty, std::string* error) {
+  return serialize(value, pretty, error);
+}
+
+std::optional<std::string> PXJsonSerialize(const JsonObject& object, bool pretty, std::string* error) {
+  return serialize(object, pretty, error);
 }
 
 std::optional<JsonValue> PXJsonParse(std::string_view text, std::string* error) {
@@ -342,6 +460,38 @@ std::optional<JsonValue> PXJsonParseIntoArena(std::string_view text, std::string
   return v;
 }
 
+namespace {
+
+// The arena outlives the tree in it: declared first, destroyed last. Nodes
+// hold a plain pointer to it, so dropping the tree visits none of them.
+struct OwnArenaTree {
+  explicit OwnArenaTree(std::shared_ptr<PXJsonArenaPool> pool) : arena(std::move(pool)) {}
+  PXJsonPooledArena arena;
+  std::optional<JsonValue> root;
+};
+
+}  // namespace
+
+std::shared_ptr<const JsonObject> PXJsonParseObjectIntoOwnArena(std::string_view text, std::string* error,
+                                                                std::shared_ptr<PXJsonArenaPool> pool) {
+  // Alone, a tree takes one region of about what it needs: three times its text.
+  if (!pool) pool = std::make_shared<PXJsonArenaPool>(std::max<size_t>(64 << 10, text.size() * 3));
+  auto tree = std::make_shared<OwnArenaTree>(std::move(pool));
+  boost::system::error_code ec;
+  // Built in place: assigning a value of another storage would copy it.
+  tree->root.emplace(boost::json::parse(text, ec, boost::json::storage_ptr(&tree->arena), parseOptions()));
+  tree->arena.finish();
+  if (ec) {
+    if (error) *error = ec.message();
+    return nullptr;
+  }
+  if (!tree->root->is_object()) {
+    if (error) *error = "top-level value is not an object";
+    return nullptr;
+  }
+  return std::shared_ptr<const JsonObject>(tree, &tree->root->get_object());
+}
+
 std::optional<JsonValue> PXJsonParseFileIntoArena(const std::string& path, std::string* error, bool* missing) {
   if (missing) *missing = false;
   std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rb"), &std::fclose);
@@ -355,12 +505,14 @@ std::optional<JsonValue> PXJsonParseFileIntoArena(const std::string& path, std::
   boost::json::stream_parser parser({}, parseOptions());
   struct stat st {};
   parser.reset(arenaForText(::fstat(::fileno(file.get()), &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0));
-  std::vector<char> chunk(1 << 20);
+  // Filled by fread before it is read: left uninitialized, it costs no pass to zero it.
+  constexpr size_t kChunk = 1 << 20;
+  std::unique_ptr<char[]> chunk(new char[kChunk]);
   boost::system::error_code ec;
   while (!ec) {
-    size_t n = std::fread(chunk.data(), 1, chunk.size(), file.get());
+    size_t n = std::fread(chunk.get(), 1, kChunk, file.get());
     if (n == 0) break;
-    parser.write(chunk.data(), n, ec);
+    parser.write(chunk.get(), n, ec);
   }
   if (!ec && std::ferror(file.get())) {
     if (error) *error = "read error in " + path;
@@ -478,41 +630,44 @@ std::optional<std::string_view> PXJsonTextFor(const JsonValue* object, std::stri
 }
 
 std::optional<JsonValue> PXValueForKeyPath(const JsonValue& root, std::string_view keyPath) {
-  auto parts = splitKeyPath(keyPath);
-  // Plain object steps only need a pointer; a value is built (and owned)
-  // once an array is mapped or an operator computes something.
-  const JsonValue* cursor = &root;
-  std::optional<JsonValue> owned;
-  for (size_t i = 0; i < parts.size(); ++i) {
-    std::string_view key = parts[i];
-    const JsonValue& current = owned ? *owned : *cursor;
+  const KeyPathParts parts = splitKeyPath(keyPath);
+  const std::span<const std::string_view> all(parts.data(), parts.size());
+  // The input is only read: nothing is copied until an array is mapped, an
+  // operator computes a value, or the result is handed out.
+  KeyPathCursor cursor(&root);
+  size_t i = 0;
+  while (i < all.size()) {
+    std::string_view key = all[i];
+    const JsonValue& current = cursor.get();
     if (key == "@count") {
       const auto* a = current.if_array();
       if (!a) return std::nullopt;
-      owned = JsonValue(static_cast<int64_t>(a->size()));
+      cursor = KeyPathCursor(JsonValue(static_cast<int64_t>(a->size())));
+      ++i;
     } else if (key == "@firstObject") {
       const auto* a = current.if_array();
       if (!a || a->empty()) return std::nullopt;
-      owned = JsonValue((*a)[0]);
+      cursor.narrowTo((*a)[0]);
+      ++i;
     } else if (key == "@max") {
-      // "@max.<key>": collect <key> over the elements, then take the largest.
-      if (i + 1 >= parts.size()) return std::nullopt;
-      auto mapped = valueForKey(current, parts[++i]);
-      if (!mapped || !mapped->is_array()) return std::nullopt;
-      auto best = maxOf(mapped->get_array());
-      if (!best) return std::nullopt;
-      owned = std::move(best);
-    } else if (!owned && current.is_object()) {
-      cursor = PXJsonFind(&current, key);
-      if (!cursor) return std::nullopt;
+      if (i + 1 >= all.size() || !largestMapped(current, all[i + 1], cursor)) return std::nullopt;
+      i += 2;
     } else {
-      auto next = valueForKey(current, key);
-      if (!next) return std::nullopt;
-      owned = std::move(next);
+      // The plain keys up to the next operator go in one step.
+      size_t end = i;
+      while (end < all.size() && !isKeyPathOperator(all[end])) ++end;
+      const auto keys = all.subspan(i, end - i);
+      const auto* a = current.if_array();
+      if (a && end < all.size() && all[end] == "@firstObject") {
+        if (!firstMapped(*a, keys, cursor)) return std::nullopt;
+        i = end + 1;
+      } else {
+        if (!followKeys(cursor, keys)) return std::nullopt;
+        i = end;
+      }
     }
   }
-  if (owned) return owned;
-  return *cursor;
+  return std::move(cursor).take();
 }
 
 }  // namespace plexa

@@ -161,8 +161,9 @@ struct SharedArchive {
 // entry, and its own handle for the rare entry that has to stream.
 class EntryWriter {
  public:
-  EntryWriter(SharedArchive& archive, const std::string& archivePath, std::atomic<uint64_t>& budget)
-      : archive_(archive), archivePath_(archivePath), budget_(budget),
+  EntryWriter(SharedArchive& archive, const std::string& archivePath, std::atomic<uint64_t>& budget,
+              const PXZipEntryObserver& written)
+      : archive_(archive), archivePath_(archivePath), budget_(budget), written_(written),
         inflater_(libdeflate_alloc_decompressor(), &libdeflate_free_decompressor) {}
 
   bool write(const FileEntry& entry, std::string& error) {
@@ -186,7 +187,18 @@ class EntryWriter {
       error = "corrupt entry data: " + printable(entry.name);
       return false;
     }
-    return writeFile(entry.target, data, st.size, error);
+    if (!writeFile(entry.target, data, st.size, error)) return false;
+    show(entry.name, {data, st.size});
+    return true;
+  }
+
+  // The file is written whatever the observer makes of it.
+  void show(const std::string& name, std::string_view bytes) {
+    if (!written_) return;
+    try {
+      written_(name, bytes);
+    } catch (...) {
+    }
   }
 
   // Streams the entry to its file, counting against the remaining budget.
@@ -234,6 +246,7 @@ class EntryWriter {
   SharedArchive& archive_;
   const std::string& archivePath_;
   std::atomic<uint64_t>& budget_;
+  const PXZipEntryObserver& written_;
   std::unique_ptr<libdeflate_decompressor, void (*)(libdeflate_decompressor*)> inflater_;
   Archive own_;
   Scratch packed_;
@@ -322,12 +335,16 @@ struct PendingArchive {
 // and no two workers ever write one file. Small entries go to the first
 // worker in archive order; the large ones are shared out as workers free up.
 bool writeFiles(zip_t* z, const std::string& archivePath, const std::vector<FileEntry>& files,
-                const PXZipLimits& limits, std::string& firstError) {
+                const PXZipLimits& limits, const PXZipEntryObserver& written, std::string& firstError) {
   std::map<std::string, size_t> lastWriter;
   for (size_t k = 0; k < files.size(); ++k) lastWriter[files[k].target] = k;
   std::vector<const FileEntry*> small, large;
   for (size_t k = 0; k < files.size(); ++k)
     if (lastWriter.at(files[k].target) == k) (isSmall(files[k].stat) ? small : large).push_back(&files[k]);
+  // Largest first, so that no worker is left with a big entry at the end.
+  std::stable_sort(large.begin(), large.end(), [](const FileEntry* a, const FileEntry* b) {
+    return (a->stat.valid & ZIP_STAT_SIZE ? a->stat.size : 0) > (b->stat.valid & ZIP_STAT_SIZE ? b->stat.size : 0);
+  });
 
   SharedArchive archive{z, {}};
   std::atomic<uint64_t> budget{limits.maxTotalUncompressedBytes};
@@ -337,7 +354,7 @@ bool writeFiles(zip_t* z, const std::string& archivePath, const std::vector<File
   const size_t workers =
       std::max<size_t>(1, std::min<size_t>(large.size() + 1, std::max(1u, std::thread::hardware_concurrency())));
   PXParallelFor(workers, [&](size_t worker) {
-    EntryWriter writer(archive, archivePath, budget);
+    EntryWriter writer(archive, archivePath, budget, written);
     std::string error;
     bool ok = true;
     if (worker == 0)
@@ -358,6 +375,11 @@ PXZipResult extractAll(const std::string& archivePath, const std::string& destin
 
 PXZipResult extractAll(const std::string& archivePath, const std::string& destination, const PXZipLimits& limits,
                        const PXZipEntryFilter& wanted) {
+  return extractAll(archivePath, destination, limits, wanted, PXZipEntryObserver());
+}
+
+PXZipResult extractAll(const std::string& archivePath, const std::string& destination, const PXZipLimits& limits,
+                       const PXZipEntryFilter& wanted, const PXZipEntryObserver& written) {
   PXZipResult result;
   auto z = openForReading(archivePath, &result.error);
   if (!z) return result;
@@ -393,7 +415,7 @@ PXZipResult extractAll(const std::string& archivePath, const std::string& destin
     zip_stat_index(z.get(), i, 0, &entry.stat);
     files.push_back(std::move(entry));
   }
-  if (!writeFiles(z.get(), archivePath, files, limits, result.error)) return result;
+  if (!writeFiles(z.get(), archivePath, files, limits, written, result.error)) return result;
   for (auto& file : files) result.entries.push_back(std::move(file.name));
   result.ok = true;
   return result;

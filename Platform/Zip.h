@@ -6,6 +6,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -25,6 +26,13 @@ struct PXZipResult {
 // Decides by entry name whether its bytes are written.
 using PXZipEntryFilter = std::function<bool(const std::string& name)>;
 
+// Shown an entry's bytes right after they are written, while they are still
+// in memory, so a caller need not read the file straight back. Called on the
+// worker that wrote the entry, several at once; what it throws is ignored.
+// Entries too large to inflate in one piece, or stored unpacked, stream to
+// disk and are not shown: their files are there to read.
+using PXZipEntryObserver = std::function<void(const std::string& name, std::string_view bytes)>;
+
 namespace PXZip {
 
 // Extracts every entry under `destination`. Refuses (and fails on) entries
@@ -37,6 +45,10 @@ PXZipResult extractAll(const std::string& archivePath, const std::string& destin
 // are written (and listed in the result); the others are skipped unread.
 PXZipResult extractAll(const std::string& archivePath, const std::string& destination, const PXZipLimits& limits,
                        const PXZipEntryFilter& wanted);
+
+// The same, showing each entry written whole to `written` as well.
+PXZipResult extractAll(const std::string& archivePath, const std::string& destination, const PXZipLimits& limits,
+                       const PXZipEntryFilter& wanted, const PXZipEntryObserver& written);
 
 // The names of the entries, in archive order; nullopt when not a zip.
 std::optional<std::vector<std::string>> entryNames(const std::string& archivePath, std::string* error = nullptr);

@@ -18,6 +18,7 @@
 #include "PathString.h"
 #include "PlexaExtract.h"
 #include "PXSketchOpenFormatReader.h"
+#include "PXSketchPageCollector.h"
 #include "Zip.h"
 
 #include <sys/resource.h>
@@ -45,6 +46,8 @@ struct Workspace {
   std::string path = PXFileManager::makeTemporaryDirectory("plexa-bench-pipeline");
   ~Workspace() { PXFileManager::removeItem(path); }
   std::string operator/(const std::string& name) const { return path + "/" + name; }
+  std::string freshFolder() { return *this / ("run-" + std::to_string(++runs)); }
+  int runs = 0;
 };
 
 // ---- Child side
@@ -63,8 +66,10 @@ void recordPeak(const std::string& folder) {
 }
 
 int childBaseline(const std::string& sketch, const std::string& folder) {
-  if (!PXZip::extractAll(sketch, folder).ok) return 1;
+  PXSketchPageCollector pages;  // what a lister does: pages parsed as they are unzipped
+  if (!PXZip::extractAll(sketch, folder, {}, {}, pages.observer()).ok) return 1;
   PXSketchOpenFormatReader reader(folder);
+  reader.adoptPages(pages.takePages());
   size_t named = 0;
   for (const auto& id : reader.sortedArtboardIDs())
     if (auto artboard = reader.artboardByID(id); artboard && artboard->contains("name")) ++named;
@@ -86,8 +91,7 @@ int childInspect(const std::string& sketch, const std::string& folder) {
       });
   PXMainQueue::shared().runUntil([&] { return done; }, std::chrono::hours(1));
   recordPeak(folder);
-  // The extractor's folders go with it; exit without tearing the rest down.
-  extractor->cancel();
+  // Exit without tearing down: the folders stay for the workspace to remove.
   std::_Exit(files > 0 ? 0 : 1);
 }
 
@@ -100,8 +104,10 @@ struct Measure {
   bool ok = false;
 };
 
+// Each run writes into a folder of its own, all removed with the workspace
+// at the end: an ext4 without a journal skips recently deleted inodes when it
+// makes new files, so deleting one run's 26k files would slow the next.
 Measure runChild(const char* self, const std::string& mode, const std::string& sketch, const std::string& folder) {
-  PXFileManager::removeItem(folder);
   PXFileManager::createDirectory(folder, true);
   const auto start = Clock::now();
   pid_t pid = fork();
@@ -126,7 +132,6 @@ Measure runChild(const char* self, const std::string& mode, const std::string& s
                  static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
   m.peakMB = static_cast<double>(std::stol(PXFileManager::readFile(folder + "/peak-kb").value_or("0"))) / 1024.0;
   m.ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;
-  PXFileManager::removeItem(folder);
   return m;
 }
 
@@ -138,10 +143,10 @@ uint64_t jsonBytesOf(const std::string& sketch) {
   return bytes;
 }
 
-void measureDocument(const char* self, const Workspace& ws, const std::string& label, const std::string& sketch) {
+void measureDocument(const char* self, Workspace& ws, const std::string& label, const std::string& sketch) {
   const double jsonMB = static_cast<double>(jsonBytesOf(sketch)) / 1e6;
-  Measure base = runChild(self, "baseline", sketch, ws / "run");
-  Measure inspect = runChild(self, "inspect", sketch, ws / "run");
+  Measure base = runChild(self, "baseline", sketch, ws.freshFolder());
+  Measure inspect = runChild(self, "inspect", sketch, ws.freshFolder());
   std::printf("%-34s json %6.1f MB | baseline %6.2f s (cpu %6.2f) %6.0f MB%s | inspect %6.2f s (cpu %6.2f) %6.0f MB%s"
               " | time x%.2f (cpu x%.2f), peak x%.2f json\n",
               label.c_str(), jsonMB, base.seconds, base.cpuSeconds, base.peakMB, base.ok ? "" : " FAILED",

@@ -11,6 +11,7 @@
 #include "PathString.h"
 #include "ProgressReporter.h"
 #include "PXSketchOpenFormatReader.h"
+#include "PXSketchPageCollector.h"
 #include "RunCheck.h"
 #include "RunFootprint.h"
 #include "RunOutcome.h"
@@ -50,13 +51,15 @@ int listArtboards(const Options& options) {
   std::string error;
   std::string folder = RunFootprint::shared().makeTemporaryFolder("plexa-list", &error);
   if (folder.empty()) return fail(kExitInput, "temporary folder", error);
-  auto result = PXZip::extractAll(options.input, folder);
+  PXSketchPageCollector pages;  // parsed as they are unzipped, not read back from the folder
+  auto result = PXZip::extractAll(options.input, folder, {}, {}, pages.observer());
   int code = kExitOK;
   if (!result.ok) {
     code = fail(kExitInput, options.input, "could not be unzipped: " + result.error);
   } else {
     try {
       PXSketchOpenFormatReader reader(folder);
+      reader.adoptPages(pages.takePages());
       for (const auto& id : reader.sortedArtboardIDs()) {
         auto artboard = reader.artboardByID(id);
         auto text = [&](const char* key) {

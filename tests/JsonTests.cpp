@@ -1,10 +1,12 @@
 #include "Json.h"
+#include "JsonArenaPool.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <limits>
 #include <memory>
+#include <thread>
 #include <vector>
 
 using namespace plexa;
@@ -71,4 +73,104 @@ TEST(JsonParser, AcceptsDeepDocumentsButBoundsHostileNesting) {
   std::string error;
   EXPECT_FALSE(PXJsonParse(nested(100000), &error));
   EXPECT_FALSE(error.empty());
+}
+
+namespace {
+// Text that exercises every kind of value: long and short strings and keys,
+// escapes, big and negative numbers, nesting, and objects past the size at
+// which they are indexed.
+std::string mixedDocument() {
+  JsonObject big;
+  for (int i = 0; i < 40; ++i) big["key number " + std::to_string(i)] = i * 1.5;
+  JsonObject page{{"_class", "page"},
+                  {"name", "A page whose name is longer than a short string \u00e9\n\"quoted\""},
+                  {"numbers", JsonArray{0, -7, 18446744073709551615ull, 1e300, -0.25, 3.0}},
+                  {"flags", JsonArray{true, false, nullptr}},
+                  {"big", big},
+                  {"layers", JsonArray{JsonObject{{"do_objectID", "A"}, {"layers", JsonArray{JsonObject{}}}}}}};
+  return *PXJsonSerialize(page, false);
+}
+}  // namespace
+
+TEST(JsonOwnArena, ReadsExactlyAsTheOtherParsers) {
+  const std::string text = mixedDocument();
+  auto own = PXJsonParseObjectIntoOwnArena(text);
+  ASSERT_TRUE(own);
+  EXPECT_EQ(JsonValue(*own), *PXJsonParse(text));
+  EXPECT_EQ(JsonValue(*own), *PXJsonParseIntoArena(text));
+  EXPECT_EQ(PXJsonTextFor(&own->at("layers").as_array()[0], "do_objectID"), "A");
+}
+
+TEST(JsonOwnArena, RefusesWhatTheOtherParsersRefuseAndAnythingButAnObject) {
+  auto nested = [](int depth) { return "{\"a\":" + std::string(depth, '[') + std::string(depth, ']') + "}"; };
+  const struct {
+    std::string text;
+    bool object;
+  } cases[] = {{nested(200), true},      {nested(100000), false}, {"[1,2]", false}, {"\"text\"", false},
+               {"{\"a\":1", false},      {"{\"a\":1} x", false},  {"", false},     {"{\"a\":\"\\x\"}", false},
+               {"{\"a\":nan}", false},   {"{}", true}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text.substr(0, 40));
+    std::string error;
+    auto own = PXJsonParseObjectIntoOwnArena(c.text, &error);
+    EXPECT_EQ(own != nullptr, c.object);
+    EXPECT_EQ(error.empty(), c.object);
+    auto plain = PXJsonParse(c.text);
+    EXPECT_EQ(plain && plain->is_object(), c.object);
+  }
+}
+
+TEST(JsonOwnArena, KeepsTheTreeWhileAnyPartIsHeldAndCopiesOutlastIt) {
+  auto own = PXJsonParseObjectIntoOwnArena(mixedDocument());
+  ASSERT_TRUE(own);
+  // A part held on its own keeps the whole tree and its arena (a sanitizer
+  // build reports the use after free otherwise).
+  std::shared_ptr<const JsonObject> big(own, &own->at("big").as_object());
+  JsonObject kept(own->at("big").as_object(), boost::json::storage_ptr());
+  own.reset();
+  EXPECT_EQ(big->size(), 40u);
+  EXPECT_EQ(big->at("key number 3").as_double(), 4.5);
+  big.reset();
+  EXPECT_EQ(kept.at("key number 39").as_double(), 58.5);
+}
+
+namespace {
+uintptr_t addressOf(const JsonValue& v) { return reinterpret_cast<uintptr_t>(&v); }
+uintptr_t distance(uintptr_t a, uintptr_t b) { return a > b ? a - b : b - a; }
+}  // namespace
+
+TEST(JsonOwnArena, TreesOfOnePoolPackTogetherAndOutliveIt) {
+  const std::string text = mixedDocument();
+  auto pool = std::make_shared<PXJsonArenaPool>();
+  auto first = PXJsonParseObjectIntoOwnArena(text, nullptr, pool);
+  auto second = PXJsonParseObjectIntoOwnArena(text, nullptr, pool);
+  auto alone = PXJsonParseObjectIntoOwnArena(text);
+  ASSERT_TRUE(first && second && alone);
+  // The second starts where the first ended, well inside one huge page.
+  EXPECT_LT(distance(addressOf(first->at("big")), addressOf(second->at("big"))), 4 * text.size());
+  pool.reset();
+  first.reset();
+  EXPECT_EQ(JsonValue(*second), *PXJsonParse(text));
+  EXPECT_EQ(JsonValue(*alone), *PXJsonParse(text));
+}
+
+TEST(JsonOwnArena, CopiesIntoAFinishedTreeAndTreesFromManyThreads) {
+  const std::string text = mixedDocument();
+  auto pool = std::make_shared<PXJsonArenaPool>();
+  std::vector<std::shared_ptr<const JsonObject>> trees(8);
+  std::vector<std::thread> threads;
+  for (size_t t = 0; t < 4; ++t)
+    threads.emplace_back([&, t] {
+      for (size_t i = t; i < trees.size(); i += 4) trees[i] = PXJsonParseObjectIntoOwnArena(text, nullptr, pool);
+    });
+  for (auto& thread : threads) thread.join();
+  const JsonValue expected = *PXJsonParse(text);
+  for (const auto& tree : trees) {
+    ASSERT_TRUE(tree);
+    EXPECT_EQ(JsonValue(*tree), expected);
+    // A plain copy lands in the tree's arena, which makes room past its end.
+    std::vector<JsonValue> copies(50, tree->at("big"));
+    EXPECT_EQ(copies.back().storage().get(), tree->storage().get());
+    EXPECT_EQ(copies.back(), expected.at("big"));
+  }
 }

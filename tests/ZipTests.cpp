@@ -8,9 +8,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <filesystem>
 #include <map>
+#include <mutex>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -332,4 +335,73 @@ TEST(ZipExtractFails, OnDeflatedEntriesWhoseChecksumIsWrong) {
     EXPECT_FALSE(result.ok);
     EXPECT_NE(result.error.find("corrupt entry data"), std::string::npos) << result.error;
   }
+}
+
+TEST(ZipExtractShows, EachEntryWrittenWholeWithTheBytesOfItsFile) {
+  TempDir dir;
+  // Small and large entries, an empty one, a name written twice (the last
+  // wins on disk and is the only one shown) and one filtered out.
+  const std::vector<std::pair<std::string, std::string>> entries = {
+      {"document.json", "{}"},
+      {"pages/A.json", patterned(700u << 10, 1)},
+      {"images/a.png", patterned(3000, 2)},
+      {"images/empty.png", ""},
+      {"pages/B.json", patterned(300u << 10, 3)},
+      {"pages/A.json", patterned(500u << 10, 4)},
+      {"previews/preview.png", patterned(100, 5)}};
+  std::string archive = dir / "doc.sketch";
+  ASSERT_TRUE(PXZip::zipEntries(entries, archive));
+
+  std::mutex mutex;
+  std::map<std::string, std::vector<std::string>> shown;
+  auto record = [&](const std::string& name, std::string_view bytes) {
+    std::lock_guard lock(mutex);
+    shown[name].emplace_back(bytes);
+  };
+  auto notPreviews = [](const std::string& name) { return !name.starts_with("previews/"); };
+  auto result = PXZip::extractAll(archive, dir / "out", {}, notPreviews, record);
+  ASSERT_TRUE(result.ok) << result.error;
+
+  EXPECT_EQ(shown.size(), 5u);
+  for (const auto& [name, copies] : shown) {
+    SCOPED_TRACE(name);
+    ASSERT_EQ(copies.size(), 1u);
+    EXPECT_EQ(copies.front(), plexa::test::readText(dir / ("out/" + name)));
+  }
+  EXPECT_EQ(shown["pages/A.json"].front(), patterned(500u << 10, 4));
+  EXPECT_FALSE(shown.contains("previews/preview.png"));
+}
+
+TEST(ZipExtractShows, NothingOfADamagedEntryAndWritesDespiteAThrowingObserver) {
+  TempDir dir;
+  const std::string data = patterned(600u << 10, 7);
+  std::string good = dir / "good.zip";
+  ASSERT_TRUE(PXZip::zipEntries({{"document.json", "{}"}, {"pages/P.json", data}}, good));
+
+  std::atomic<size_t> calls{0};
+  auto throwing = [&](const std::string&, std::string_view) {
+    ++calls;
+    throw std::runtime_error("observer failed");
+  };
+  auto written = PXZip::extractAll(good, dir / "out", {}, {}, throwing);
+  ASSERT_TRUE(written.ok) << written.error;
+  EXPECT_EQ(calls.load(), 2u);
+  EXPECT_EQ(plexa::test::readText(dir / "out/pages/P.json"), data);
+
+  // The page's checksum flipped in both headers: the entry fails and is not shown.
+  std::string bytes = plexa::test::readText(good);
+  const uint32_t crc = crc32(data);
+  const std::string field{static_cast<char>(crc), static_cast<char>(crc >> 8), static_cast<char>(crc >> 16),
+                          static_cast<char>(crc >> 24)};
+  for (size_t at = bytes.find(field); at != std::string::npos; at = bytes.find(field, at + 4))
+    bytes[at] = static_cast<char>(bytes[at] ^ 0x01);
+  std::vector<std::string> shown;
+  std::mutex mutex;
+  auto record = [&](const std::string& name, std::string_view) {
+    std::lock_guard lock(mutex);
+    shown.push_back(name);
+  };
+  auto damaged = PXZip::extractAll(writeBytes(dir / "damaged.zip", bytes), dir / "damaged-out", {}, {}, record);
+  EXPECT_FALSE(damaged.ok);
+  EXPECT_EQ(std::count(shown.begin(), shown.end(), "pages/P.json"), 0);
 }
