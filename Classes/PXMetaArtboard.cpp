@@ -27,8 +27,8 @@ JsonArray inspectColor(double red, double green, double blue, double alpha) {
   return JsonArray{red, green, blue, alpha};
 }
 
-std::optional<JsonValue> colorValue(const JsonValue* color) {
-  auto converted = PXMetaColorFromJSON(color);
+std::optional<JsonValue> colorValue(const JsonValue* color, const boost::json::storage_ptr& storage = {}) {
+  auto converted = PXMetaColorFromJSON(color, storage);
   if (!converted) return std::nullopt;
   return JsonValue(std::move(*converted));
 }
@@ -77,24 +77,30 @@ JsonObject PXMetaGuidesFromLayerJSON(const JsonObject& artboardJSON) {
   return JsonObject{{"horizontal", guides("horizontalRulerData")}, {"vertical", guides("verticalRulerData")}};
 }
 
+JsonArray PXMetaDocumentColorsFromJSON(const JsonObject* documentJSON, const boost::json::storage_ptr& storage) {
+  return PXMetaApplyToArray(
+      PXJsonFind(member(documentJSON, "assets"), "colors"),
+      [&](const JsonValue& color) { return colorValue(&color, storage); }, storage);
+}
+
 JsonObject PXMetaArtboardFromJSON(const JsonObject& artboardJSON, const JsonObject* pageJSON,
                                   const JsonObject* documentJSON, const std::string& sketchFileName, int64_t pageIndex,
                                   const std::string& outputFolder, const JsonObject* assetIds,
-                                  const PXMetaMissingLayerHandler& missingLayerHandler) {
+                                  const PXMetaMissingLayerHandler& missingLayerHandler,
+                                  const boost::json::storage_ptr& storage, const JsonArray* documentColors) {
   const JsonValue* cls = member(&artboardJSON, "_class");
   auto sketchClass = PXJsonText(cls);
   if (!sketchClass || (*sketchClass != "artboard" && *sketchClass != "symbolMaster")) {
-    JsonObject other;
+    JsonObject other(storage);
     other["type"] = cls && !cls->is_null() ? PXMetaDescription(cls) : std::string("null");
     return other;
   }
 
-  JsonArray exportedImagePaths;
+  JsonArray exportedImagePaths(storage);
   PXMetaTypefaceSet typefaces;
   const JsonValue* frame = member(&artboardJSON, "frame");
-  const JsonValue* assets = member(documentJSON, "assets");
 
-  JsonObject document;
+  JsonObject document(16, storage);
   document["id"] = valueOrNull(member(&artboardJSON, "do_objectID"));
   document["pageName"] = valueOrNull(member(pageJSON, "name"));
   document["layout"] = PXMetaLayoutFromArtboardJSON(artboardJSON);
@@ -105,12 +111,14 @@ JsonObject PXMetaArtboardFromJSON(const JsonObject& artboardJSON, const JsonObje
   document["grid"] = PXMetaGridFromJSON(member(&artboardJSON, "grid"));
   document["width"] = valueOrNull(PXJsonFind(frame, "width"));
   document["displayScale"] = 1;
-  document["documentColors"] = PXMetaApplyToArray(PXJsonFind(assets, "colors"),
-                                                  [](const JsonValue& color) { return colorValue(&color); });
+  if (documentColors)
+    document["documentColors"] = *documentColors;
+  else
+    document["documentColors"] = PXMetaDocumentColorsFromJSON(documentJSON, storage);
   // Layers first: their conversion fills the image paths and typefaces.
   document["layers"] = PXMetaChildLayersFromJSON(member(&artboardJSON, "layers"), artboardJSON, pageJSON,
                                                  sketchFileName, "", typefaces, exportedImagePaths, outputFolder,
-                                                 PXMetaPoint{0, 0}, nullptr, assetIds, missingLayerHandler);
+                                                 PXMetaPoint{0, 0}, nullptr, assetIds, missingLayerHandler, storage);
   document["height"] = valueOrNull(PXJsonFind(frame, "height"));
   document["__exportedImagePaths"] = std::move(exportedImagePaths);
   document["assetDirectoryPath"] = fmt::format("images/inspect/{}", sketchFileName);

@@ -110,8 +110,9 @@ PXMetaExportNaming PXMetaExportNamingFromFormat(const JsonValue& format) {
 
 JsonArray PXMetaExportOptionsFromJSON(const JsonObject& layer, const std::string& sketchFileName,
                                       const std::string& pageName, const std::string& artboardName,
-                                      const std::string& layerPath, const JsonObject* assetIds) {
-  JsonArray records;
+                                      const std::string& layerPath, const JsonObject* assetIds,
+                                      const boost::json::storage_ptr& storage) {
+  JsonArray records(storage);
   const JsonArray* formats = exportFormats(layer);
   if (!formats) return records;
   const JsonValue* frame = member(layer, "frame");
@@ -126,7 +127,7 @@ JsonArray PXMetaExportOptionsFromJSON(const JsonObject& layer, const std::string
     std::string path = PXTrimmedPath(fmt::format("{}/{}/{}/{}{}{}{}.{}", sketchFileName, PXNormalizePath(pageName),
                                                  PXNormalizePath(artboardName), folder, facts.naming.prefix,
                                                  layerName, facts.naming.suffix, facts.fileFormat));
-    JsonObject record;
+    JsonObject record(8, storage);
     PXMetaAddToDictionary(record, "name", member(layer, "name"));
     PXMetaAddToDictionary(record, "format", PXJsonFind(&format, "fileFormat"));
     // Stored crosswise on purpose: the reader of these records expects the
@@ -140,7 +141,7 @@ JsonArray PXMetaExportOptionsFromJSON(const JsonObject& layer, const std::string
     if (assetIds && !assetIds->empty()) {
       std::string key = fmt::format("{}{}.{}", objectID, facts.naming.suffix, facts.fileFormat);
       if (const JsonObject* asset = dictionaryForKey_mps(*assetIds, key))
-        record = dictionaryByAddingDictionary_mps(record, PXMetaFiniteValue(*asset).get_object());
+        record = dictionaryByAddingDictionary_mps(record, PXMetaFiniteValue(*asset, storage).get_object());
     }
     records.push_back(std::move(record));
   }
@@ -150,8 +151,8 @@ JsonArray PXMetaExportOptionsFromJSON(const JsonObject& layer, const std::string
 JsonArray PXMetaExportImagesFromJSON(const JsonObject& layer, const std::string& sketchFileName,
                                      const std::string& pageName, const std::string& artboardName,
                                      const std::string& artboardID, const std::string& layerPath,
-                                     const std::string& outputFolder) {
-  JsonArray records;
+                                     const std::string& outputFolder, const boost::json::storage_ptr& storage) {
+  JsonArray records(storage);
   const JsonArray* formats = exportFormats(layer);
   if (!formats) return records;
   std::string layerName = PXMetaDescription(member(layer, "name"));
@@ -168,7 +169,7 @@ JsonArray PXMetaExportImagesFromJSON(const JsonObject& layer, const std::string&
     std::string relativePath =
         PXTrimmedPath(fmt::format("{}/{}/{}{}{}{}.{}", PXNormalizePath(pageName), PXNormalizePath(artboardName), folder,
                                   facts.naming.prefix, layerName, facts.naming.suffix, facts.fileFormat));
-    JsonObject record;
+    JsonObject record(7, storage);
     record["originalObjectID"] = originalObjectID ? std::string(*originalObjectID) : std::string();
     record["fullPath"] = fmt::format("{}/{}/{}", outputFolder, artboardID, relativePath);
     record["objectID"] = objectIDText;

@@ -32,7 +32,8 @@ PXMetaExportNaming PXMetaExportNamingFromFormat(const JsonValue& format);
 // "<do_objectID><suffix>.<fileFormat>" in `assetIds` is merged in.
 JsonArray PXMetaExportOptionsFromJSON(const JsonObject& layer, const std::string& sketchFileName,
                                       const std::string& pageName, const std::string& artboardName,
-                                      const std::string& layerPath, const JsonObject* assetIds);
+                                      const std::string& layerPath, const JsonObject* assetIds,
+                                      const boost::json::storage_ptr& storage = {});
 
 // One paths record {originalObjectID, fullPath, objectID, layerName,
 // layerNameFormatted, layerPath, key} per export format of `layer`: the
@@ -40,6 +41,6 @@ JsonArray PXMetaExportOptionsFromJSON(const JsonObject& layer, const std::string
 JsonArray PXMetaExportImagesFromJSON(const JsonObject& layer, const std::string& sketchFileName,
                                      const std::string& pageName, const std::string& artboardName,
                                      const std::string& artboardID, const std::string& layerPath,
-                                     const std::string& outputFolder);
+                                     const std::string& outputFolder, const boost::json::storage_ptr& storage = {});
 
 }  // namespace plexa

@@ -8,6 +8,7 @@
 #include "PXMetaExportOptions.h"
 #include "PathString.h"
 
+#include <boost/json/monotonic_resource.hpp>
 #include <fmt/format.h>
 
 #include <chrono>
@@ -114,7 +115,15 @@ std::optional<std::string> PXMetaExporter::formattedMetaJSONFileForArtboardID(co
     return std::nullopt;
   }
 
-  JsonObject meta;
+  // The whole meta tree lives in one arena: records are made without a
+  // malloc each and dropped at once, unwalked. Its first block is kept from
+  // artboard to artboard, so those pages stay mapped.
+  if (arenaBuffer_.empty()) arenaBuffer_.resize(kArenaBufferBytes);
+  boost::json::monotonic_resource arena(arenaBuffer_.data(), arenaBuffer_.size());
+  // Held as a value: the writer takes values, and handing it the object
+  // would copy the whole tree.
+  const boost::json::storage_ptr storage(&arena);
+  JsonValue meta(storage);
   try {
     PXSketchOpenFormatReader::Dictionary document;
     int64_t pageIndex = PXSketchOpenFormatReader::NotFound;
@@ -126,7 +135,7 @@ std::optional<std::string> PXMetaExporter::formattedMetaJSONFileForArtboardID(co
     }
     std::string sketchFileName = PXDeletingPathExtension(PXLastPathComponent(sketchFilePath));
     meta = PXMetaArtboardFromJSON(*artboard, page.get(), document.get(), sketchFileName, pageIndex, outputFolder,
-                                  assetIds, missingLayerHandler());
+                                  assetIds, missingLayerHandler(), storage, &documentColorsOf(document));
   } catch (const std::exception& error) {
     PXLogError("PXMetaExporter unable to convert artboard {}: {}", artboardID, error.what());
     return std::nullopt;
@@ -139,8 +148,8 @@ std::optional<std::string> PXMetaExporter::formattedMetaJSONFileForArtboardID(co
     PXNSLog("PXMetaExporter crash find: 4.2");
     PXLogVerbose("PXMetaExporter unable to write formatted meta {}", artboardID + ".json");
   }
-  if (auto paths = meta.find("__exportedImagePaths"); paths != meta.end()) {
-    if (!PXFileWriter::writeJSON(paths->value(), true, *pathsPath, placement)) {
+  if (const JsonValue* paths = PXJsonFind(&meta, "__exportedImagePaths")) {
+    if (!PXFileWriter::writeJSON(*paths, true, *pathsPath, placement)) {
       PXNSLog("PXMetaExporter crash find: 5.2");
       PXLogVerbose("PXMetaExporter unable to write paths {}", artboardID + "-paths.json");
     }
@@ -197,6 +206,15 @@ std::string PXMetaExporter::sanitizeArtboardName(const std::optional<std::string
   if (stringIsEmpty_mps(std::optional<std::string_view>(cleaned))) return "Untitled screen";
   if (cleaned == "/") return "_";
   return cleaned;
+}
+
+const JsonArray& PXMetaExporter::documentColorsOf(const PXSketchOpenFormatReader::Dictionary& document) {
+  auto cached = colorsDocument_.lock();
+  if (!documentColors_ || !cached || cached != document) {
+    documentColors_ = PXMetaDocumentColorsFromJSON(document.get());
+    colorsDocument_ = document;
+  }
+  return *documentColors_;
 }
 
 PXMetaMissingLayerHandler PXMetaExporter::missingLayerHandler() {

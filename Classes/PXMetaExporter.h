@@ -60,6 +60,16 @@ class PXMetaExporter : public std::enable_shared_from_this<PXMetaExporter> {
   // The folder last created or found: one walk writes every artboard into
   // the same folder, which needs making only once.
   std::string preparedOutputFolder_;
+  // The document colours, converted once per document rather than once per
+  // artboard; `colorsDocument_` tells which document they came from.
+  const JsonArray& documentColorsOf(const PXSketchOpenFormatReader::Dictionary& document);
+  std::weak_ptr<const JsonObject> colorsDocument_;
+  std::optional<JsonArray> documentColors_;
+
+  // The first block of each artboard's arena; most trees fit in it.
+  static constexpr size_t kArenaBufferBytes = size_t{1} << 20;
+  std::vector<unsigned char> arenaBuffer_;
+
   JsonObject syncInfoForArtboardID(const std::string& artboardID, bool isSyncing, uint64_t index, double scale,
                                    const std::string& sketchFileURLName);
 };

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <span>
 
 namespace plexa {
 
@@ -25,7 +26,9 @@ struct Context {
   const JsonObject* artboard = nullptr;
   const JsonObject* page = nullptr;
   const std::string* sketchFileName = nullptr;
-  std::string layerPath;
+  // The layer path of the outermost level; inner levels work theirs out
+  // from `parent` when a layer needs it (few do: those that export).
+  const std::string* rootLayerPath = nullptr;
   PXMetaTypefaceSet* typefaces = nullptr;
   JsonArray* exportedImagePaths = nullptr;
   const std::string* outputFolder = nullptr;
@@ -33,11 +36,17 @@ struct Context {
   const JsonObject* instance = nullptr;
   const JsonObject* assetIds = nullptr;
   const PXMetaMissingLayerHandler* handler = nullptr;
+  // Where the records are made: one arena holds a whole artboard's.
+  boost::json::storage_ptr storage;
   // Masters being expanded through instances, outermost first: a master
   // that shows up again is a cycle.
   std::vector<std::string>* expandingMasters = nullptr;
-  // Identifiers of the enclosing layers, for error reports.
-  std::string trail;
+  // The level this one was entered from, through `entered`, and whether
+  // that layer's name is part of the layer path (groups, not instances).
+  // Paths and error trails are made from them only when asked for.
+  const Context* parent = nullptr;
+  const JsonObject* entered = nullptr;
+  bool namesLayerPath = false;
   int depth = 0;
 };
 
@@ -49,6 +58,24 @@ const JsonValue* member(const JsonObject* object, std::string_view key) {
   if (!object) return nullptr;
   auto it = object->find(key);
   return it == object->end() ? nullptr : &it->value();
+}
+
+std::string layerPathOf(const Context& context) {
+  if (!context.parent) return *context.rootLayerPath;
+  std::string outer = layerPathOf(*context.parent);
+  if (!context.namesLayerPath) return outer;
+  return fmt::format("{}/{}", outer, PXMetaDescription(member(context.entered, "name")));
+}
+
+// Identifiers of the enclosing layers, for error reports: the outer levels
+// one by one, past them one ellipsis for the rest.
+std::string trailOf(const Context& context) {
+  if (!context.parent) return PXMetaDescription(member(context.artboard, "do_objectID"));
+  const Context& outer = *context.parent;
+  if (outer.depth < kReportedLevels)
+    return fmt::format("{} > {}", trailOf(outer), PXMetaDescription(member(context.entered, "do_objectID")));
+  if (outer.depth == kReportedLevels) return trailOf(outer) + " > ...";
+  return trailOf(outer);
 }
 
 float floatOrZero(const JsonValue* value) { return PXJsonFloat(value).value_or(0.0f); }
@@ -89,18 +116,45 @@ std::optional<JsonValue> childrenKeyPathValue(const JsonObject& layer, std::init
   return std::nullopt;
 }
 
+// The members of a layer's style that records use, found in one pass over
+// the style instead of one search each.
+struct StyleParts {
+  const JsonValue* fills = nullptr;
+  const JsonValue* borders = nullptr;
+  const JsonValue* borderOptions = nullptr;
+  const JsonValue* shadows = nullptr;
+  const JsonValue* innerShadows = nullptr;
+  const JsonValue* contextSettings = nullptr;
+};
+
+StyleParts stylePartsOf(const JsonValue* style) {
+  StyleParts parts;
+  const JsonObject* object = style ? style->if_object() : nullptr;
+  if (!object) return parts;
+  static constexpr std::pair<std::string_view, const JsonValue* StyleParts::*> kParts[] = {
+      {"fills", &StyleParts::fills},     {"borders", &StyleParts::borders},
+      {"borderOptions", &StyleParts::borderOptions}, {"shadows", &StyleParts::shadows},
+      {"innerShadows", &StyleParts::innerShadows},   {"contextSettings", &StyleParts::contextSettings}};
+  for (const auto& member : *object) {
+    const std::string_view key = member.key();
+    for (const auto& [name, slot] : kParts)
+      if (key == name) parts.*slot = &member.value();
+  }
+  return parts;
+}
+
 // "style.borders.@max.thickness", 0 when there is none.
-float largestBorderThickness(const JsonValue* style) {
+float largestBorderThickness(const StyleParts& style) {
   std::optional<double> largest;
-  if (const JsonArray* borders = PXJsonArrayFor(style, "borders"))
+  if (const JsonArray* borders = style.borders ? style.borders->if_array() : nullptr)
     for (const auto& border : *borders)
       if (auto thickness = PXJsonDouble(PXJsonFind(&border, "thickness")); thickness && (!largest || *thickness > *largest))
         largest = thickness;
   return largest ? static_cast<float>(*largest) : 0.0f;
 }
 
-size_t fillCount(const JsonValue* style) {
-  const JsonArray* fills = PXJsonArrayFor(style, "fills");
+size_t fillCount(const StyleParts& style) {
+  const JsonArray* fills = style.fills ? style.fills->if_array() : nullptr;
   return fills ? fills->size() : 0;
 }
 
@@ -175,54 +229,108 @@ struct LayerFacts {
   std::string_view sketchClass;
   const char* type = nullptr;
   LayerFrame frame;
-  const JsonValue* style = nullptr;
+  StyleParts style;
 };
 
 std::string pageName(const Context& context) { return PXMetaDescription(member(context.page, "name")); }
 std::string artboardName(const Context& context) { return PXMetaDescription(member(context.artboard, "name")); }
 
-JsonValue opacityValue(const JsonValue* style) {
-  const JsonValue* opacity = PXJsonFind(PXJsonFind(style, "contextSettings"), "opacity");
+JsonValue opacityValue(const StyleParts& style) {
+  const JsonValue* opacity = PXJsonFind(style.contextSettings, "opacity");
   auto number = PXJsonFloat(opacity);
   if (!number || opacity->is_null()) return 1;
   return PXMetaRound2(*number);
 }
 
+// The keys of a record, each made by one rule; every kind writes its own
+// selection in its own order.
+enum class Field {
+  id, name, type, lineType, x, y, width, height, rotation, opacity, isInitiallyVisible, flippedHorizontal,
+  flippedVertical, index, exportOptions, borders, shadows, innerShadows, gradients, order
+};
+
 // The keys every kind starts from, in the order they are written.
-JsonObject commonRecord(const JsonObject& layer, const Context& context, const LayerFacts& facts, uint64_t index) {
-  JsonObject record;
-  PXMetaAddToDictionary(record, "id", member(&layer, "do_objectID"));
-  record["name"] = PXMetaStringFromJSONValue(member(&layer, "name"));
-  if (facts.type) record["type"] = facts.type;
-  record["x"] = PXMetaRound2(static_cast<float>(facts.frame.x) + context.offset.x);
-  record["y"] = PXMetaRound2(static_cast<float>(facts.frame.y) + context.offset.y);
-  record["width"] = PXMetaRound2(facts.frame.width);
-  record["height"] = PXMetaRound2(facts.frame.height);
-  PXMetaAddToDictionary(record, "rotation", member(&layer, "rotation"));
-  record["opacity"] = opacityValue(facts.style);
-  record["isInitiallyVisible"] = true;  // hidden layers never get this far
-  if (auto flipped = PXJsonBool(member(&layer, "isFlippedHorizontal"))) record["flippedHorizontal"] = *flipped;
-  if (auto flipped = PXJsonBool(member(&layer, "isFlippedVertical"))) record["flippedVertical"] = *flipped;
-  record["index"] = index;
-  record["exportOptions"] = PXMetaExportOptionsFromJSON(layer, *context.sketchFileName, pageName(context),
-                                                        artboardName(context), context.layerPath, context.assetIds);
-  record["borders"] = PXMetaBorderArrayFromJSONArray(PXJsonFind(facts.style, "borders"),
-                                                     PXJsonFind(facts.style, "borderOptions"));
-  record["shadows"] = PXMetaShadowArrayFromJSONArray(PXJsonFind(facts.style, "shadows"));
-  record["innerShadows"] = PXMetaShadowArrayFromJSONArray(PXJsonFind(facts.style, "innerShadows"));
-  record["gradients"] = PXMetaColorFillFromJSON(PXJsonFind(facts.style, "fills"), "gradient");
+constexpr Field kCommonFields[] = {Field::id,           Field::name,          Field::type,
+                                   Field::x,            Field::y,             Field::width,
+                                   Field::height,       Field::rotation,      Field::opacity,
+                                   Field::isInitiallyVisible, Field::flippedHorizontal, Field::flippedVertical,
+                                   Field::index,        Field::exportOptions, Field::borders,
+                                   Field::shadows,      Field::innerShadows,  Field::gradients};
+// Groups leave out what only shapes paint; their children follow.
+constexpr Field kGroupFields[] = {Field::id,       Field::name,          Field::type,  Field::x,
+                                  Field::y,        Field::width,         Field::height, Field::rotation,
+                                  Field::opacity,  Field::flippedHorizontal, Field::flippedVertical,
+                                  Field::isInitiallyVisible, Field::index, Field::exportOptions,
+                                  Field::order,    Field::shadows};
+// Lines keep their strokes and shadows, in the order their readers expect.
+constexpr Field kLineFields[] = {Field::rotation, Field::exportOptions, Field::index,    Field::borders,
+                                 Field::isInitiallyVisible, Field::name, Field::shadows, Field::lineType,
+                                 Field::id,       Field::x,             Field::flippedHorizontal, Field::y,
+                                 Field::flippedVertical, Field::opacity, Field::height,   Field::width,
+                                 Field::order};
+
+JsonArray exportOptionsRecords(const JsonObject& layer, const Context& context) {
+  // Names are only worked out for the few layers that export something.
+  if (!PXJsonArrayFor(member(&layer, "exportOptions"), "exportFormats")) return JsonArray(context.storage);
+  return PXMetaExportOptionsFromJSON(layer, *context.sketchFileName, pageName(context), artboardName(context),
+                                     layerPathOf(context), context.assetIds, context.storage);
+}
+
+void addField(JsonObject& record, Field field, const JsonObject& layer, const Context& context,
+              const LayerFacts& facts, uint64_t index) {
+  switch (field) {
+    case Field::id: PXMetaAddToDictionary(record, "id", member(&layer, "do_objectID")); break;
+    case Field::name: record["name"] = PXMetaStringFromJSONValue(member(&layer, "name")); break;
+    case Field::type:
+      if (facts.type) record["type"] = facts.type;
+      break;
+    case Field::lineType: record["type"] = "line"; break;
+    case Field::x: record["x"] = PXMetaRound2(static_cast<float>(facts.frame.x) + context.offset.x); break;
+    case Field::y: record["y"] = PXMetaRound2(static_cast<float>(facts.frame.y) + context.offset.y); break;
+    case Field::width: record["width"] = PXMetaRound2(facts.frame.width); break;
+    case Field::height: record["height"] = PXMetaRound2(facts.frame.height); break;
+    case Field::rotation: PXMetaAddToDictionary(record, "rotation", member(&layer, "rotation")); break;
+    case Field::opacity: record["opacity"] = opacityValue(facts.style); break;
+    case Field::isInitiallyVisible: record["isInitiallyVisible"] = true; break;  // hidden layers never get this far
+    case Field::flippedHorizontal:
+      if (auto flipped = PXJsonBool(member(&layer, "isFlippedHorizontal"))) record["flippedHorizontal"] = *flipped;
+      break;
+    case Field::flippedVertical:
+      if (auto flipped = PXJsonBool(member(&layer, "isFlippedVertical"))) record["flippedVertical"] = *flipped;
+      break;
+    case Field::index: record["index"] = index; break;
+    case Field::exportOptions: record["exportOptions"] = exportOptionsRecords(layer, context); break;
+    case Field::borders:
+      record["borders"] = PXMetaBorderArrayFromJSONArray(facts.style.borders, facts.style.borderOptions, context.storage);
+      break;
+    case Field::shadows:
+      record["shadows"] = PXMetaShadowArrayFromJSONArray(facts.style.shadows, context.storage);
+      break;
+    case Field::innerShadows:
+      record["innerShadows"] =
+          PXMetaShadowArrayFromJSONArray(facts.style.innerShadows, context.storage);
+      break;
+    case Field::gradients:
+      record["gradients"] = PXMetaColorFillFromJSON(facts.style.fills, "gradient", context.storage);
+      break;
+    case Field::order: record["order"] = 0; break;  // stacking is told by `index`
+  }
+}
+
+// `extra`: room for the keys the kind adds afterwards, so the table is made once.
+JsonObject recordWithFields(std::span<const Field> fields, size_t extra, const JsonObject& layer,
+                            const Context& context, const LayerFacts& facts, uint64_t index) {
+  JsonObject record(fields.size() + extra, context.storage);
+  for (Field field : fields) addField(record, field, layer, context, facts, index);
   return record;
 }
 
-JsonObject picked(JsonObject& from, std::initializer_list<std::string_view> keys) {
-  JsonObject out;
-  for (auto key : keys)
-    if (auto it = from.find(key); it != from.end()) out[key] = std::move(it->value());
-  return out;
+JsonObject commonRecord(const JsonObject& layer, const Context& context, const LayerFacts& facts, uint64_t index) {
+  return recordWithFields(kCommonFields, 4, layer, context, facts, index);
 }
 
 void addFillsAndOrder(JsonObject& record, const LayerFacts& facts) {
-  record["fillColor"] = PXMetaColorFillFromJSON(PXJsonFind(facts.style, "fills"), "fill");
+  record["fillColor"] = PXMetaColorFillFromJSON(facts.style.fills, "fill", record.storage());
   record["order"] = 0;  // stacking is told by `index`
 }
 
@@ -312,12 +420,7 @@ void addLineEnds(JsonObject& record, const JsonObject& layer, const LayerFacts& 
 }
 
 JsonObject lineRecord(const JsonObject& layer, const Context& context, const LayerFacts& facts, uint64_t index) {
-  JsonObject common = commonRecord(layer, context, facts, index);
-  common["type"] = "line";
-  common["order"] = 0;
-  JsonObject record = picked(common, {"rotation", "exportOptions", "index", "borders", "isInitiallyVisible", "name",
-                                      "shadows", "type", "id", "x", "flippedHorizontal", "y", "flippedVertical",
-                                      "opacity", "height", "width", "order"});
+  JsonObject record = recordWithFields(kLineFields, 3, layer, context, facts, index);
   auto points = childrenKeyPathValue(layer, {"path.points.point.@firstObject", "points.point.@firstObject"});
   if (points && points->is_array() && points->get_array().size() == 2)
     addLineEnds(record, layer, facts, points->get_array());
@@ -340,23 +443,17 @@ std::optional<bool> detachedSymbolMark(const JsonObject& layer) {
 Context childContext(const Context& context, const JsonObject& layer) {
   Context inner = context;
   inner.depth = context.depth + 1;
-  // Reports name the outer levels; past them one ellipsis stands for the rest.
-  if (context.depth < kReportedLevels)
-    inner.trail = fmt::format("{} > {}", context.trail, PXMetaDescription(member(&layer, "do_objectID")));
-  else if (context.depth == kReportedLevels)
-    inner.trail = context.trail + " > ...";
+  inner.parent = &context;
+  inner.entered = &layer;
+  inner.namesLayerPath = false;
   return inner;
 }
 
 JsonObject groupRecord(const JsonObject& layer, const Context& context, const LayerFacts& facts, uint64_t index) {
   Context inner = childContext(context, layer);
-  inner.layerPath = fmt::format("{}/{}", context.layerPath, PXMetaDescription(member(&layer, "name")));
-  JsonObject common = commonRecord(layer, context, facts, index);
-  common["order"] = 0;
-  common["layers"] = childLayers(member(&layer, "layers"), inner);
-  JsonObject record =
-      picked(common, {"id", "name", "type", "x", "y", "width", "height", "rotation", "opacity", "flippedHorizontal",
-                      "flippedVertical", "isInitiallyVisible", "index", "exportOptions", "order", "shadows", "layers"});
+  inner.namesLayerPath = true;
+  JsonObject record = recordWithFields(kGroupFields, 6, layer, context, facts, index);
+  record["layers"] = childLayers(member(&layer, "layers"), inner);
   if (auto symbol = detachedSymbolMark(layer)) {
     record["symbol"] = *symbol;
     for (const char* key : {"borders", "fillColor", "gradients", "innerShadows"}) record[key] = JsonArray();
@@ -406,7 +503,8 @@ JsonObject symbolInstanceRecord(const JsonObject& layer, const Context& context,
 
 // --- One layer ---------------------------------------------------------------
 
-void collectTypeface(const JsonObject& record, const Context& context) {
+void collectTypeface(const JsonObject& record, const Context& context, const LayerFacts& facts) {
+  if (facts.sketchClass != "text") return;  // only text records have a typeface
   const JsonValue* typeface = member(&record, "typeface");
   const JsonValue* weight = PXJsonFind(typeface, "weight");
   if (!weight || weight->is_null()) return;
@@ -417,10 +515,11 @@ void collectTypeface(const JsonObject& record, const Context& context) {
 }
 
 void collectExportImages(const JsonObject& layer, const Context& context) {
+  if (!PXJsonArrayFor(member(&layer, "exportOptions"), "exportFormats")) return;
   JsonArray paths =
       PXMetaExportImagesFromJSON(layer, *context.sketchFileName, pageName(context), artboardName(context),
-                                 PXMetaDescription(member(context.artboard, "do_objectID")), context.layerPath,
-                                 *context.outputFolder);
+                                 PXMetaDescription(member(context.artboard, "do_objectID")), layerPathOf(context),
+                                 *context.outputFolder, context.storage);
   for (auto& path : paths) context.exportedImagePaths->push_back(std::move(path));
 }
 
@@ -455,8 +554,11 @@ std::optional<JsonObject> kindRecord(const JsonObject& layer, const Context& con
   if (cls == "text") {
     JsonObject record = commonRecord(layer, context, facts, index);
     addFillsAndOrder(record, facts);
-    if (auto typeface = PXMetaTypefaceFromJSON(layer)) record["typeface"] = PXMetaFiniteValue(*typeface);
-    if (auto text = PXMetaTextFromJSON(layer)) record["text"] = *text;
+    // Decoded once for both: the archive is the costly part.
+    if (auto string = PXAttributedStringFromJSON(layer)) {
+      record["typeface"] = PXMetaFiniteValue(PXMetaTypefaceFromAttributedString(*string, layer), context.storage);
+      record["text"] = string->string();
+    }
     return record;
   }
   if (cls == "group") return groupRecord(layer, context, facts, index);
@@ -476,21 +578,21 @@ std::optional<JsonObject> layerRecord(const JsonValue& value, const Context& con
   facts.sketchClass = PXJsonText(member(layer, "_class")).value_or("");
   facts.type = inspectType(facts.sketchClass);
   facts.frame = frameOfLayer(*layer, context);
-  facts.style = member(layer, "style");
+  facts.style = stylePartsOf(member(layer, "style"));
 
   auto record = kindRecord(*layer, context, facts, index);
   if (!record) return std::nullopt;
-  collectTypeface(*record, context);
+  collectTypeface(*record, context, facts);
   collectExportImages(*layer, context);
   return record;
 }
 
 std::string stackDescription(const Context& context, const JsonValue& layer, uint64_t index) {
-  return fmt::format("{} > [{}] {}", context.trail, index, PXMetaDescription(PXJsonFind(&layer, "do_objectID")));
+  return fmt::format("{} > [{}] {}", trailOf(context), index, PXMetaDescription(PXJsonFind(&layer, "do_objectID")));
 }
 
 JsonArray childLayers(const JsonValue* layers, const Context& context) {
-  JsonArray records;
+  JsonArray records(context.storage);
   const JsonArray* array = layers ? layers->if_array() : nullptr;
   if (!array) return records;
   const size_t count = array->size();
@@ -513,12 +615,12 @@ Context rootContext(const JsonObject& artboardJSON, const JsonObject* pageJSON, 
                     const std::string& layerPath, PXMetaTypefaceSet& typefaces, JsonArray& exportedImagePaths,
                     const std::string& outputFolder, PXMetaPoint offset, const JsonObject* enclosingInstance,
                     const JsonObject* assetIds, const PXMetaMissingLayerHandler& missingLayerHandler,
-                    std::vector<std::string>& expandingMasters) {
+                    std::vector<std::string>& expandingMasters, const boost::json::storage_ptr& storage) {
   Context context;
   context.artboard = &artboardJSON;
   context.page = pageJSON;
   context.sketchFileName = &sketchFileName;
-  context.layerPath = layerPath;
+  context.rootLayerPath = &layerPath;
   context.typefaces = &typefaces;
   context.exportedImagePaths = &exportedImagePaths;
   context.outputFolder = &outputFolder;
@@ -527,7 +629,7 @@ Context rootContext(const JsonObject& artboardJSON, const JsonObject* pageJSON, 
   context.assetIds = assetIds;
   context.handler = &missingLayerHandler;
   context.expandingMasters = &expandingMasters;
-  context.trail = PXMetaDescription(member(&artboardJSON, "do_objectID"));
+  context.storage = storage;
   return context;
 }
 
@@ -550,11 +652,12 @@ JsonArray PXMetaChildLayersFromJSON(const JsonValue* layers, const JsonObject& a
                                     const std::string& layerPath, PXMetaTypefaceSet& typefaces,
                                     JsonArray& exportedImagePaths, const std::string& outputFolder,
                                     PXMetaPoint offset, const JsonObject* enclosingInstance,
-                                    const JsonObject* assetIds, const PXMetaMissingLayerHandler& missingLayerHandler) {
+                                    const JsonObject* assetIds, const PXMetaMissingLayerHandler& missingLayerHandler,
+                                    const boost::json::storage_ptr& storage) {
   std::vector<std::string> expandingMasters;
   Context context = rootContext(artboardJSON, pageJSON, sketchFileName, layerPath, typefaces, exportedImagePaths,
                                 outputFolder, offset, enclosingInstance, assetIds, missingLayerHandler,
-                                expandingMasters);
+                                expandingMasters, storage);
   return childLayers(layers, context);
 }
 
@@ -564,11 +667,12 @@ std::optional<JsonObject> PXMetaLayerFromJSON(const JsonValue& layer, const Json
                                               JsonArray& exportedImagePaths, const std::string& outputFolder,
                                               PXMetaPoint offset, const JsonObject* enclosingInstance,
                                               const JsonObject* assetIds,
-                                              const PXMetaMissingLayerHandler& missingLayerHandler, uint64_t index) {
+                                              const PXMetaMissingLayerHandler& missingLayerHandler, uint64_t index,
+                                              const boost::json::storage_ptr& storage) {
   std::vector<std::string> expandingMasters;
   Context context = rootContext(artboardJSON, pageJSON, sketchFileName, layerPath, typefaces, exportedImagePaths,
                                 outputFolder, offset, enclosingInstance, assetIds, missingLayerHandler,
-                                expandingMasters);
+                                expandingMasters, storage);
   return layerRecord(layer, context, index);
 }
 

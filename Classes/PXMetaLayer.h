@@ -39,13 +39,15 @@ class PXMetaTypefaceSet {
 };
 
 // The records of `layers` (a Sketch layer array, bottom-most first), top-most
-// first. A layer whose conversion fails is logged and left out.
+// first. A layer whose conversion fails is logged and left out. Records are
+// made in `storage`.
 JsonArray PXMetaChildLayersFromJSON(const JsonValue* layers, const JsonObject& artboardJSON,
                                     const JsonObject* pageJSON, const std::string& sketchFileName,
                                     const std::string& layerPath, PXMetaTypefaceSet& typefaces,
                                     JsonArray& exportedImagePaths, const std::string& outputFolder,
                                     PXMetaPoint offset, const JsonObject* enclosingInstance,
-                                    const JsonObject* assetIds, const PXMetaMissingLayerHandler& missingLayerHandler);
+                                    const JsonObject* assetIds, const PXMetaMissingLayerHandler& missingLayerHandler,
+                                    const boost::json::storage_ptr& storage = {});
 
 // One record, or absent when the layer is hidden or shows nothing. Throws
 // PXMetaLayerError for input that cannot be a layer at all (the children
@@ -56,7 +58,8 @@ std::optional<JsonObject> PXMetaLayerFromJSON(const JsonValue& layer, const Json
                                               JsonArray& exportedImagePaths, const std::string& outputFolder,
                                               PXMetaPoint offset, const JsonObject* enclosingInstance,
                                               const JsonObject* assetIds,
-                                              const PXMetaMissingLayerHandler& missingLayerHandler, uint64_t index);
+                                              const PXMetaMissingLayerHandler& missingLayerHandler, uint64_t index,
+                                              const boost::json::storage_ptr& storage = {});
 
 class PXMetaLayerError : public std::runtime_error {
  public:

@@ -86,22 +86,22 @@ bool isValidUTF8(std::string_view s) {
   return true;
 }
 
-std::optional<JsonValue> colorValue(const JsonValue* color) {
-  auto converted = PXMetaColorFromJSON(color);
+std::optional<JsonValue> colorValue(const JsonValue* color, const boost::json::storage_ptr& storage) {
+  auto converted = PXMetaColorFromJSON(color, storage);
   if (!converted) return std::nullopt;
   return JsonValue(std::move(*converted));
 }
 
-JsonObject pointRecord(const JsonValue* text) {
+JsonObject pointRecord(const JsonValue* text, const boost::json::storage_ptr& storage) {
   auto string = PXJsonText(text);
   PXMetaPoint point = string ? PXMetaPointFromString(*string) : PXMetaPoint{};
-  return JsonObject{{"x", point.x}, {"y", point.y}};
+  return JsonObject({{"x", point.x}, {"y", point.y}}, storage);
 }
 
-std::optional<JsonValue> gradientStop(const JsonValue& stop) {
+std::optional<JsonValue> gradientStop(const JsonValue& stop, const boost::json::storage_ptr& storage) {
   if (!stop.is_object()) return std::nullopt;
-  JsonObject record;
-  PXMetaAddToDictionary(record, "color", colorValue(PXJsonFind(&stop, "color")));
+  JsonObject record(storage);
+  PXMetaAddToDictionary(record, "color", colorValue(PXJsonFind(&stop, "color"), storage));
   PXMetaAddToDictionary(record, "location", PXJsonFind(&stop, "position"));
   return JsonValue(std::move(record));
 }
@@ -135,8 +135,10 @@ double PXMetaFloatNumber(float value) {
   return result;
 }
 
-JsonValue PXMetaFiniteValue(const JsonValue& value) {
-  JsonValue copy = value;
+JsonValue PXMetaFiniteValue(const JsonValue& value, const boost::json::storage_ptr& storage) {
+  // A plain copy would land in the source's storage, which for a parsed
+  // document is its arena: it would grow with every record made.
+  JsonValue copy(value, storage);
   makeFinite(copy);
   return copy;
 }
@@ -160,9 +162,11 @@ void PXMetaAddToDictionary(JsonObject& dictionary, std::string_view key, std::op
   makeFinite(stored);
 }
 
-JsonArray PXMetaApplyToArray(const JsonValue* array, const PXMetaElementFunction& function) {
-  JsonArray results;
+JsonArray PXMetaApplyToArray(const JsonValue* array, const PXMetaElementFunction& function,
+                             const boost::json::storage_ptr& storage) {
+  JsonArray results(storage);
   if (!array || !array->is_array()) return results;
+  results.reserve(array->get_array().size());
   for (const auto& element : array->get_array())
     if (auto result = function(element)) results.push_back(std::move(*result));
   return results;
@@ -195,27 +199,29 @@ std::string PXMetaStringFromJSONValue(const JsonValue* value) {
 
 // --- Colours, fills, gradients -------------------------------------------
 
-std::optional<JsonArray> PXMetaColorFromJSON(const JsonValue* color) {
+std::optional<JsonArray> PXMetaColorFromJSON(const JsonValue* color, const boost::json::storage_ptr& storage) {
   if (!color || !color->is_object()) return std::nullopt;
   const JsonValue* alphaValue = PXJsonFind(color, "alpha");
   if (!alphaValue) return std::nullopt;
   // Alpha is passed through as stored; only a value that is no number at
   // all makes the colour unusable.
-  JsonValue alpha;
+  JsonValue alpha(storage);
   if (alphaValue->is_number()) {
-    alpha = PXMetaFiniteValue(*alphaValue);
+    alpha = PXMetaFiniteValue(*alphaValue, storage);
   } else if (auto number = PXJsonDouble(alphaValue); number && !alphaValue->is_null()) {
     alpha = *number;
   } else {
     return std::nullopt;
   }
-  return JsonArray{PXMetaColorComponent(floatOrZero(PXJsonFind(color, "red"))),
-                   PXMetaColorComponent(floatOrZero(PXJsonFind(color, "green"))),
-                   PXMetaColorComponent(floatOrZero(PXJsonFind(color, "blue"))), std::move(alpha)};
+  return JsonArray({PXMetaColorComponent(floatOrZero(PXJsonFind(color, "red"))),
+                    PXMetaColorComponent(floatOrZero(PXJsonFind(color, "green"))),
+                    PXMetaColorComponent(floatOrZero(PXJsonFind(color, "blue"))), std::move(alpha)},
+                   storage);
 }
 
-JsonArray PXMetaColorFillFromJSON(const JsonValue* fills, std::string_view kind) {
-  JsonArray results;
+JsonArray PXMetaColorFillFromJSON(const JsonValue* fills, std::string_view kind,
+                                  const boost::json::storage_ptr& storage) {
+  JsonArray results(storage);
   const JsonArray* array = fills ? fills->if_array() : nullptr;
   if (!array) return results;
   for (auto it = array->rbegin(); it != array->rend(); ++it) {
@@ -225,25 +231,27 @@ JsonArray PXMetaColorFillFromJSON(const JsonValue* fills, std::string_view kind)
     bool enabled = PXJsonBool(PXJsonFind(&fill, "isEnabled")).value_or(false);
     std::optional<JsonValue> result;
     if (fillType == 0 && kind == "fill") {
-      if (auto color = PXMetaColorFromJSON(PXJsonFind(&fill, "color"))) result = JsonValue(std::move(*color));
+      if (auto color = PXMetaColorFromJSON(PXJsonFind(&fill, "color"), storage)) result = JsonValue(std::move(*color));
     } else if (fillType == 1 && kind == "gradient") {
-      if (auto gradient = PXMetaGradientFromJSON(fill)) result = JsonValue(std::move(*gradient));
+      if (auto gradient = PXMetaGradientFromJSON(fill, storage)) result = JsonValue(std::move(*gradient));
     }
     if (enabled && result) results.push_back(std::move(*result));
   }
   return results;
 }
 
-std::optional<JsonObject> PXMetaGradientFromJSON(const JsonValue& fill) {
+std::optional<JsonObject> PXMetaGradientFromJSON(const JsonValue& fill, const boost::json::storage_ptr& storage) {
   if (!fill.is_object()) return std::nullopt;
   const JsonValue* gradient = PXJsonFind(&fill, "gradient");
-  JsonArray stops = PXMetaApplyToArray(PXJsonFind(gradient, "stops"), gradientStop);
+  JsonArray stops = PXMetaApplyToArray(
+      PXJsonFind(gradient, "stops"), [&](const JsonValue& stop) { return gradientStop(stop, storage); }, storage);
   int64_t type = integerOrZero(PXJsonFind(gradient, "gradientType"));
   if (type < 0 || type >= static_cast<int64_t>(kGradientTypes.size())) return std::nullopt;
-  return JsonObject{{"type", kGradientTypes[static_cast<size_t>(type)]},
-                    {"from", pointRecord(PXJsonFind(gradient, "from"))},
-                    {"to", pointRecord(PXJsonFind(gradient, "to"))},
-                    {"stops", std::move(stops)}};
+  return JsonObject({{"type", kGradientTypes[static_cast<size_t>(type)]},
+                     {"from", pointRecord(PXJsonFind(gradient, "from"), storage)},
+                     {"to", pointRecord(PXJsonFind(gradient, "to"), storage)},
+                     {"stops", std::move(stops)}},
+                    0, storage);
 }
 
 PXMetaPoint PXMetaPointFromString(std::string_view text) {
@@ -284,48 +292,50 @@ std::string PXMetaBorderLineStyle(const JsonValue* borderOptions, const JsonValu
   return dotted ? "dotted" : "dashed";
 }
 
-JsonObject PXMetaBorderFromJSON(const JsonValue& border, const JsonValue* borderOptions) {
+JsonObject PXMetaBorderFromJSON(const JsonValue& border, const JsonValue* borderOptions,
+                                const boost::json::storage_ptr& storage) {
   int64_t position = integerOrZero(PXJsonFind(&border, "position"));
   bool known = position >= 0 && position < static_cast<int64_t>(kBorderPlacements.size());
   const JsonValue* thickness = PXJsonFind(&border, "thickness");
-  JsonObject record;
+  JsonObject record(4, storage);
   record["type"] = PXMetaBorderLineStyle(borderOptions, thickness);
   record["placement"] = known ? kBorderPlacements[static_cast<size_t>(position)] : "";
   PXMetaAddToDictionary(record, "thickness", thickness);
-  PXMetaAddToDictionary(record, "color", colorValue(PXJsonFind(&border, "color")));
+  PXMetaAddToDictionary(record, "color", colorValue(PXJsonFind(&border, "color"), storage));
   return record;
 }
 
-JsonArray PXMetaBorderArrayFromJSONArray(const JsonValue* borders, const JsonValue* borderOptions) {
-  JsonArray results;
+JsonArray PXMetaBorderArrayFromJSONArray(const JsonValue* borders, const JsonValue* borderOptions,
+                                         const boost::json::storage_ptr& storage) {
+  JsonArray results(storage);
   const JsonArray* array = borders ? borders->if_array() : nullptr;
   if (!array) return results;
   for (const auto& border : *array) {
     if (!border.is_object()) continue;
     bool enabled = integerOrZero(PXJsonFind(&border, "isEnabled")) != 0;
     bool colourBorder = integerOrZero(PXJsonFind(&border, "fillType")) == 0;
-    if (enabled && colourBorder) results.push_back(PXMetaBorderFromJSON(border, borderOptions));
+    if (enabled && colourBorder) results.push_back(PXMetaBorderFromJSON(border, borderOptions, storage));
   }
   return results;
 }
 
-JsonObject PXMetaShadowFromJSONArray(const JsonValue& shadow) {
-  JsonObject record;
+JsonObject PXMetaShadowFromJSONArray(const JsonValue& shadow, const boost::json::storage_ptr& storage) {
+  JsonObject record(5, storage);
   PXMetaAddToDictionary(record, "x", PXJsonFind(&shadow, "offsetX"));
   PXMetaAddToDictionary(record, "y", PXJsonFind(&shadow, "offsetY"));
   PXMetaAddToDictionary(record, "blur", PXJsonFind(&shadow, "blurRadius"));
   PXMetaAddToDictionary(record, "spread", PXJsonFind(&shadow, "spread"));
-  PXMetaAddToDictionary(record, "color", colorValue(PXJsonFind(&shadow, "color")));
+  PXMetaAddToDictionary(record, "color", colorValue(PXJsonFind(&shadow, "color"), storage));
   return record;
 }
 
-JsonArray PXMetaShadowArrayFromJSONArray(const JsonValue* shadows) {
-  JsonArray results;
+JsonArray PXMetaShadowArrayFromJSONArray(const JsonValue* shadows, const boost::json::storage_ptr& storage) {
+  JsonArray results(storage);
   const JsonArray* array = shadows ? shadows->if_array() : nullptr;
   if (!array) return results;
   // Disabled shadows are listed too, unlike fills and borders.
   for (auto it = array->rbegin(); it != array->rend(); ++it)
-    if (it->is_object()) results.push_back(PXMetaShadowFromJSONArray(*it));
+    if (it->is_object()) results.push_back(PXMetaShadowFromJSONArray(*it, storage));
   return results;
 }
 

@@ -4,7 +4,8 @@
 // the two helpers that fill records.
 //
 // All functions are pure: they take JSON values from the document (any of
-// which may be missing or of the wrong kind) and return new values.
+// which may be missing or of the wrong kind) and return new values, made in
+// `storage` where one is given (a whole record is built in one arena).
 
 #include "Json.h"
 
@@ -32,7 +33,7 @@ double PXMetaColorComponent(double component);
 double PXMetaFloatNumber(float value);
 // A copy in which every non-finite number (parsed from 1e400 and the like)
 // is 0, so raw values taken "unchanged" can always be written.
-JsonValue PXMetaFiniteValue(const JsonValue& value);
+JsonValue PXMetaFiniteValue(const JsonValue& value, const boost::json::storage_ptr& storage = {});
 
 // --- Records -------------------------------------------------------------
 
@@ -47,7 +48,8 @@ void PXMetaAddToDictionary(JsonObject& dictionary, std::string_view key, std::op
 using PXMetaElementFunction = std::function<std::optional<JsonValue>(const JsonValue&)>;
 // The non-absent results of `function` over `array`, in order; empty when
 // `array` is not an array.
-JsonArray PXMetaApplyToArray(const JsonValue* array, const PXMetaElementFunction& function);
+JsonArray PXMetaApplyToArray(const JsonValue* array, const PXMetaElementFunction& function,
+                             const boost::json::storage_ptr& storage = {});
 
 // --- Strings -------------------------------------------------------------
 
@@ -63,13 +65,14 @@ std::string PXMetaStringFromJSONValue(const JsonValue* value);
 
 // [red, green, blue] × 255 rounded, alpha unchanged; absent when `color` is
 // not a dictionary or has no numeric `alpha`.
-std::optional<JsonArray> PXMetaColorFromJSON(const JsonValue* color);
+std::optional<JsonArray> PXMetaColorFromJSON(const JsonValue* color, const boost::json::storage_ptr& storage = {});
 // Enabled fills, top-most first: flat colours for kind "fill", gradient
 // records for kind "gradient". Always an array.
-JsonArray PXMetaColorFillFromJSON(const JsonValue* fills, std::string_view kind);
+JsonArray PXMetaColorFillFromJSON(const JsonValue* fills, std::string_view kind,
+                                  const boost::json::storage_ptr& storage = {});
 // {type, from, to, stops} of a linear or radial gradient fill; absent for
 // anything else (angular gradients included).
-std::optional<JsonObject> PXMetaGradientFromJSON(const JsonValue& fill);
+std::optional<JsonObject> PXMetaGradientFromJSON(const JsonValue& fill, const boost::json::storage_ptr& storage = {});
 // "{x, y}" as Sketch writes points; missing numbers read as 0.
 struct PXMetaPoint {
   double x = 0;
@@ -80,14 +83,16 @@ PXMetaPoint PXMetaPointFromString(std::string_view text);
 // --- Borders and shadows ---------------------------------------------------
 
 // {type, placement, thickness, color} of one border.
-JsonObject PXMetaBorderFromJSON(const JsonValue& border, const JsonValue* borderOptions);
+JsonObject PXMetaBorderFromJSON(const JsonValue& border, const JsonValue* borderOptions,
+                                const boost::json::storage_ptr& storage = {});
 // Enabled colour borders in array order. Always an array.
-JsonArray PXMetaBorderArrayFromJSONArray(const JsonValue* borders, const JsonValue* borderOptions);
+JsonArray PXMetaBorderArrayFromJSONArray(const JsonValue* borders, const JsonValue* borderOptions,
+                                         const boost::json::storage_ptr& storage = {});
 // "solid", "dashed" or "dotted" for a dash pattern and line thickness.
 std::string PXMetaBorderLineStyle(const JsonValue* borderOptions, const JsonValue* thickness);
 // {x, y, blur, spread, color} of one shadow.
-JsonObject PXMetaShadowFromJSONArray(const JsonValue& shadow);
+JsonObject PXMetaShadowFromJSONArray(const JsonValue& shadow, const boost::json::storage_ptr& storage = {});
 // Every shadow, enabled or not, top-most first. Always an array.
-JsonArray PXMetaShadowArrayFromJSONArray(const JsonValue* shadows);
+JsonArray PXMetaShadowArrayFromJSONArray(const JsonValue* shadows, const boost::json::storage_ptr& storage = {});
 
 }  // namespace plexa

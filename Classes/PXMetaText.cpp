@@ -216,10 +216,13 @@ std::optional<std::string> PXMetaTextFromJSON(const JsonObject& layer) {
 std::optional<JsonObject> PXMetaTypefaceFromJSON(const JsonObject& layer) {
   const auto string = PXAttributedStringFromJSON(layer);
   if (!string) return std::nullopt;
+  return PXMetaTypefaceFromAttributedString(*string, layer);
+}
 
+JsonObject PXMetaTypefaceFromAttributedString(const PXAttributedString& string, const JsonObject& layer) {
   const JsonValue* characterSpacing = characterSpacingFromJSON(layer);
   TypefaceState state;
-  for (const auto& run : string->runs()) applyRun(state, run.attributes);
+  for (const auto& run : string.runs()) applyRun(state, run.attributes);
 
   JsonObject record;
   PXMetaAddToDictionary(record, "typeface", jsonOptional(state.typeface));

@@ -23,6 +23,9 @@ std::optional<std::string> PXMetaTextFromJSON(const JsonObject& layer);
 // typeface, weight, fontSize, lineHeight, characterSpacing, paragraphSpacing,
 // alignment, fontColor, taken from the last attribute run of the text.
 std::optional<JsonObject> PXMetaTypefaceFromJSON(const JsonObject& layer);
+// The same from the layer's attributed string decoded already: the layer
+// gives only its character spacing.
+JsonObject PXMetaTypefaceFromAttributedString(const PXAttributedString& string, const JsonObject& layer);
 // The face name of the font within its family, "" when not found.
 std::string PXMetaWeightFromFont(const PXFont& font);
 

@@ -11,12 +11,16 @@
 #include <sys/resource.h>
 
 #include <chrono>
+#include <cstdlib>
 
 namespace {
 
 using namespace plexa;
 
-const std::string kDocument = std::string(PLEXA_CORPUS_DIR) + "/bulldog-dash-shadows-s46.sketch";
+// PLEXA_BENCH_DOCUMENT names another document (a large generated kit, say).
+const std::string kDocument = std::getenv("PLEXA_BENCH_DOCUMENT")
+                                  ? std::string(std::getenv("PLEXA_BENCH_DOCUMENT"))
+                                  : std::string(PLEXA_CORPUS_DIR) + "/bulldog-dash-shadows-s46.sketch";
 
 struct Workspace {
   std::string root = PXFileManager::makeTemporaryDirectory("plexa-bench");

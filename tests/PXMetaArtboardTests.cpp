@@ -5,6 +5,7 @@
 #include "PXMetaArtboard.h"
 #include "TestSupport.h"
 
+#include <boost/json/monotonic_resource.hpp>
 #include <gtest/gtest.h>
 
 namespace plexa {
@@ -68,6 +69,22 @@ TEST(PXMetaArtboardDocument, DescribesOtherLayersByTheirClassOnly) {
   EXPECT_EQ(compactJson(metaDocument(group)), R"({"type":"group"})");
   group.erase("_class");
   EXPECT_EQ(compactJson(metaDocument(group)), R"({"type":"null"})");
+}
+
+TEST(PXMetaArtboardDocument, ConvertsDocumentColoursOrTakesThemConvertedAlready) {
+  const JsonObject document = parseJson(R"({"assets": {"colors": [
+      {"red": 1, "green": 0.5, "blue": 0, "alpha": 0.25}, {"red": 1}, "not a colour", {"alpha": "1"}]}})")
+                                  .as_object();
+  const JsonObject artboard = test::artboard("AB", "Board", frame(0, 0, 10, 10));
+  const JsonArray converted = PXMetaDocumentColorsFromJSON(&document);
+  EXPECT_EQ(compactJson(converted), "[[255,128,0,0.25],[0,0,0,1]]") << "entries without alpha are left out";
+
+  const JsonObject computed = PXMetaArtboardFromJSON(artboard, nullptr, &document, "Design", 0, "/out", nullptr, {});
+  boost::json::monotonic_resource arena;
+  const JsonObject given = PXMetaArtboardFromJSON(artboard, nullptr, &document, "Design", 0, "/out", nullptr, {},
+                                                  boost::json::storage_ptr(&arena), &converted);
+  EXPECT_EQ(compactJson(computed.at("documentColors")), compactJson(converted));
+  EXPECT_EQ(compactJson(given), compactJson(computed)) << "the same document either way, arena or heap";
 }
 
 }  // namespace

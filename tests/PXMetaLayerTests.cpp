@@ -5,6 +5,7 @@
 #include "PXMetaLayer.h"
 #include "TestSupport.h"
 
+#include <boost/json/monotonic_resource.hpp>
 #include <gtest/gtest.h>
 
 namespace plexa {
@@ -322,6 +323,80 @@ TEST(PXMetaLayerBadInput, ConvertsWhatItCanAndDropsTheRest) {
             R"({"name":"Unsupported Value Class Type __NSCFNumber"})") << "and no type";
   EXPECT_EQ(logs.count("PXMetaLayerFromJSON exception: layer is not a dictionary"), 2u);
   EXPECT_TRUE(logs.contains("PXMetaLayerFromJSON exception: layers are nested too deeply"));
+}
+
+// --- Record keys and where records are made --------------------------------
+
+std::string keyList(const JsonObject& record) {
+  std::string out;
+  for (const auto& member : record) out += (out.empty() ? "" : ",") + std::string(member.key());
+  return out;
+}
+
+JsonObject flipped(JsonObject l) {
+  l["isFlippedHorizontal"] = true;
+  l["isFlippedVertical"] = false;
+  return l;
+}
+
+TEST(PXMetaLayerKeys, EachKindWritesItsKeysInItsOrder) {
+  JsonObject detached = layer("group", "D", "Detached", frame(0, 0, 10, 10));
+  detached["originalObjectID"] = "MASTER";
+  JsonObject text = layer("text", "T", "Text", frame(0, 0, 10, 10));
+  text["attributedString"] = parseJson(R"({"string": "Hi", "attributes": []})");
+  JsonObject instance = layer("symbolInstance", "I", "Instance", frame(0, 0, 10, 10));
+  instance["originalObjectID"] = "NOWHERE";
+  const std::string common =
+      "id,name,type,x,y,width,height,rotation,opacity,isInitiallyVisible,flippedHorizontal,flippedVertical,index,"
+      "exportOptions,borders,shadows,innerShadows,gradients";
+  const std::string group =
+      "id,name,type,x,y,width,height,rotation,opacity,flippedHorizontal,flippedVertical,isInitiallyVisible,index,"
+      "exportOptions,order,shadows,layers";
+  const struct {
+    JsonObject layer;
+    std::string keys;
+  } cases[] = {
+      {flipped(layer("group", "G", "Group", frame(0, 0, 10, 10))), group},
+      {flipped(detached), group + ",symbol,borders,fillColor,gradients,innerShadows"},
+      {flipped(lineShape("L", frame(0, 0, 100, 1), "{0, 0}", "{1, 0}", 1)),
+       "rotation,exportOptions,index,borders,isInitiallyVisible,name,shadows,type,id,x,flippedHorizontal,y,"
+       "flippedVertical,opacity,height,width,order,x2,y2,length"},
+      {flipped(rectangleShape("R", R"({"fills": [{"fillType": 0, "isEnabled": true, "color": {"alpha": 1}}]})")),
+       common + ",fillColor,order"},
+      {flipped(layer("bitmap", "B", "Bitmap", frame(0, 0, 10, 10))), common + ",fillColor,order"},
+      {flipped(layer("slice", "S", "Slice", frame(0, 0, 10, 10))), common + ",fillColor,order"},
+      {flipped(text), common + ",fillColor,order,typeface,text"},
+      {flipped(instance), common + ",layers,fillColor,order,symbol"},
+      {layer("rectangle", "O", "Other", frame(0, 0, 10, 10)),
+       "id,name,x,y,width,height,rotation,opacity,isInitiallyVisible,index,exportOptions,borders,shadows,"
+       "innerShadows,gradients,order"},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(keyList(only(convert({c.layer}))), c.keys) << compactJson(c.layer);
+}
+
+TEST(PXMetaLayerStorage, RecordsMadeInAnArenaEqualThoseMadeOnTheHeap) {
+  JsonObject icon = styled(layer("bitmap", "ICON", "icon", frame(0, 0, 10, 10)),
+                           R"({"shadows": [{"offsetX": 1, "color": {"red": 1, "alpha": 0.5}}],
+                               "fills": [{"fillType": 1, "isEnabled": true, "gradient": {"gradientType": 0,
+                                 "from": "{0, 0}", "to": "{1, 1}", "stops": [{"position": 0, "color": {"alpha": 1}}]}}]})");
+  icon["exportOptions"] = parseJson(R"({"exportFormats": [{"fileFormat": "png", "name": "@2x", "scale": 2}]})");
+  JsonValue layers = JsonArray{layer("group", "G", "Folder", frame(0, 0, 10, 10), {icon}),
+                               lineShape("L", frame(0, 0, 100, 1), "{0, 0}", "{1, 0}", 1)};
+  JsonObject artboard = defaultArtboard(), page = defaultPage();
+  auto run = [&](const boost::json::storage_ptr& storage) {
+    Conversion result;
+    result.paths = JsonArray(storage);
+    result.layers = PXMetaChildLayersFromJSON(&layers, artboard, &page, "Doc", "", result.typefaces, result.paths,
+                                              "/out", PXMetaPoint{}, nullptr, nullptr, {}, storage);
+    return std::pair(compactJson(result.layers), compactJson(result.paths));
+  };
+  const auto onHeap = run({});
+  boost::json::monotonic_resource arena;
+  const auto inArena = run(boost::json::storage_ptr(&arena));
+  EXPECT_EQ(inArena.first, onHeap.first);
+  EXPECT_EQ(inArena.second, onHeap.second);
+  EXPECT_NE(onHeap.first.find("\"stops\""), std::string::npos) << "the fixture reaches gradients";
 }
 
 }  // namespace
