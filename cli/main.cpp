@@ -22,8 +22,11 @@
 
 #include <fmt/format.h>
 
+#include <csignal>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <system_error>
 #include <unistd.h>
 
 using namespace plexa;
@@ -67,8 +70,15 @@ int listArtboards(const Options& options) {
         };
         fmt::print("{}\t{}\t{}\n", id, text("name"), text("_class"));
       }
+      // A short listing is still buffered: its write errors show only here.
+      if (std::fflush(stdout) != 0) throw std::system_error(errno, std::generic_category(), "cannot write to file");
     } catch (const PXSketchDocumentFileMissing& e) {
       code = fail(kExitInput, options.input, "not a Sketch document: " + PXLastPathComponent(e.what()) + " is missing");
+    } catch (const std::system_error& e) {
+      // A reader that has seen enough (a pipe into head) ends the listing as
+      // SIGPIPE would end other tools; any other write error is reported.
+      code = e.code() == std::errc::broken_pipe ? kExitSignalBase + SIGPIPE
+                                                : fail(kExitInput, "standard output", e.what());
     }
   }
   RunFootprint::shared().remove(folder);

@@ -150,6 +150,22 @@ TEST(CliOutcome, SaveDetachedReplacesAnOlderCopyWhole) {
   EXPECT_EQ(runCli({dir / "detached.sketch", "--list-artboards"}).output, listed.output);
 }
 
+// A listing whose reader has gone (a pipe into a program that has ended)
+// ends as SIGPIPE ends other tools; a full disk is reported. Neither leaves
+// its unzipped copy behind.
+TEST(CliOutcome, ListingIntoAClosedPipeOrAFullDiskEndsCleanly) {
+  TempDir dir;
+  const std::string sample = makeSample(dir.path());
+  withTemp(dir.path());
+  const std::string run = "TMPDIR='" + dir / "tmp" + "' '" + cliPath() + "' '" + sample + "' --list-artboards";
+  runShell("{ sleep 0.3; " + run + "; echo $? > '" + dir / "piped" + "'; } | true");
+  auto full = runShell(run + " 2>&1 >/dev/full; echo \"exit $?\"");
+  EXPECT_EQ(readText(dir / "piped"), "141\n");
+  EXPECT_TRUE(contains(full.output, "standard output: ")) << full.output;
+  EXPECT_TRUE(contains(full.output, "exit 1")) << full.output;
+  EXPECT_TRUE(entriesOf(dir / "tmp").empty());
+}
+
 TEST(CliOutcome, StableIdentifiersMakeRepeatedRunsByteIdentical) {
   TempDir dir;
   std::string sample = makeSample(dir.path());
