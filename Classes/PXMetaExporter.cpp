@@ -51,12 +51,6 @@ std::string removingControlCharacters(std::string_view text) {
   return out;
 }
 
-// An ID names one file in the output folder, nothing else.
-bool isPlainFileName(const std::string& name) {
-  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos &&
-         name.find('\0') == std::string::npos;
-}
-
 bool hasJPGExportFormat(const JsonObject* artboard) {
   if (!artboard) return false;
   auto options = artboard->find("exportOptions");
@@ -253,7 +247,7 @@ void PXMetaExporter::prepareOutputFolder(const std::string& outputFolder) {
 std::optional<std::string> PXMetaExporter::destinationInside(const std::string& outputFolder,
                                                              const std::string& fileName) {
   std::string stem = fileName.substr(0, fileName.rfind('.'));
-  if (!isPlainFileName(stem)) return std::nullopt;
+  if (!PXIsPlainFileName(stem)) return std::nullopt;  // an ID names one file in the folder, nothing else
   // A relative folder depends on the working folder, which may change between calls.
   if (resolvedFor_ != outputFolder || !resolvedOutputFolder_ || !outputFolder.starts_with('/')) {
     resolvedOutputFolder_ = PXResolveInside(outputFolder, ".");

@@ -3,6 +3,7 @@
 #include "Files.h"
 #include "Log.h"
 #include "Parallel.h"
+#include "PathString.h"
 
 #include <sys/stat.h>
 
@@ -73,10 +74,7 @@ std::string removingAll(std::string text, std::string_view what) {
 }
 
 // Page IDs name files; one that could leave the pages folder is no page.
-bool isSafePageID(const std::string& id) {
-  return !id.empty() && id.find('/') == std::string::npos && id.find('\0') == std::string::npos && id != "." &&
-         id != "..";
-}
+bool isSafePageID(const std::string& id) { return PXIsPlainFileName(id); }
 
 }  // namespace
 

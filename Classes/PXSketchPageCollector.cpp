@@ -1,6 +1,7 @@
 #include "PXSketchPageCollector.h"
 
 #include "Json.h"
+#include "PathString.h"
 
 #include <optional>
 #include <string>
@@ -17,9 +18,7 @@ std::optional<std::string> pageIDOf(const std::string& entryName) {
   // The folder ends in "/" and the extension starts with ".", so the two never overlap.
   if (!entryName.starts_with(kPagesFolder) || !entryName.ends_with(kPageExtension)) return std::nullopt;
   std::string id = entryName.substr(kPagesFolder.size(), entryName.size() - kPagesFolder.size() - kPageExtension.size());
-  if (id.empty()) return std::nullopt;
-  if (id.find('/') != std::string::npos || id.find('\0') != std::string::npos || id == "." || id == "..")
-    return std::nullopt;
+  if (!PXIsPlainFileName(id)) return std::nullopt;
   return id;
 }
 

@@ -1,5 +1,7 @@
 #include "PathString.h"
 
+#include <algorithm>
+
 namespace plexa {
 
 namespace {
@@ -118,6 +120,20 @@ std::string PXStandardizingPath(std::string_view path) {
   if (absolute) kept.insert(kept.begin(), "/");
   std::string out = PXPathWithComponents(kept);
   return out.empty() && absolute ? "/" : out;
+}
+
+bool PXIsPlainFileName(std::string_view name) {
+  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos &&
+         name.find('\0') == std::string_view::npos;
+}
+
+bool PXIsPlainRelativePath(std::string_view path) {
+  for (size_t start = 0;;) {
+    const size_t slash = std::min(path.find('/', start), path.size());
+    if (!PXIsPlainFileName(path.substr(start, slash - start))) return false;
+    if (slash == path.size()) return true;
+    start = slash + 1;
+  }
 }
 
 }  // namespace plexa

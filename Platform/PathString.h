@@ -22,4 +22,11 @@ std::string PXAppendingPathExtension(std::string_view path, std::string_view ext
 // above the root); does not touch the file system.
 std::string PXStandardizingPath(std::string_view path);
 
+// A name that stays in the folder it is looked up in: not empty, not "." or
+// "..", and without "/" or NUL. IDs that name files must be such names.
+bool PXIsPlainFileName(std::string_view name);
+// A relative path made only of plain file names ("a/b.json", not "a//b",
+// "./a", "a/../b" or "/a").
+bool PXIsPlainRelativePath(std::string_view path);
+
 }  // namespace plexa

@@ -1,21 +1,10 @@
 #include "DocumentFiles.h"
 
 #include "Files.h"
+#include "PathString.h"
 #include "ZipReader.h"
 
 namespace plexa::render {
-
-bool isPlainDocumentName(const std::string& name) {
-  if (name.empty() || name.front() == '/' || name.find('\0') != std::string::npos) return false;
-  size_t start = 0;
-  while (start <= name.size()) {
-    size_t slash = std::min(name.find('/', start), name.size());
-    std::string_view part(name.data() + start, slash - start);
-    if (part.empty() || part == "." || part == "..") return false;
-    start = slash + 1;
-  }
-  return true;
-}
 
 DocumentFiles::~DocumentFiles() = default;
 
@@ -40,7 +29,7 @@ std::unique_ptr<DocumentFiles> DocumentFiles::open(const std::string& path, std:
 }
 
 std::optional<std::string> DocumentFiles::read(const std::string& relativePath) const {
-  if (!isPlainDocumentName(relativePath)) return std::nullopt;
+  if (!PXIsPlainRelativePath(relativePath)) return std::nullopt;
   if (archive_) return archive_->read(relativePath);
   // Symbolic links may not lead out of the folder either.
   auto path = PXResolveInside(folder_, relativePath);

@@ -32,7 +32,4 @@ class DocumentFiles {
   std::unique_ptr<PXZipReader> archive_;  // set for a .sketch archive
 };
 
-// No leading "/", no empty, "." or ".." component, no NUL.
-bool isPlainDocumentName(const std::string& name);
-
 }  // namespace plexa::render

@@ -1,6 +1,7 @@
 #include "SketchDocument.h"
 
 #include "Log.h"
+#include "PathString.h"
 #include "PXSymbolDetacherV2.h"
 #include "SceneBuilder.h"
 
@@ -204,7 +205,7 @@ bool SketchDocument::load(std::string* error) {
     auto name = PXJsonTextFor(&ref, "_ref");
     if (!name) continue;
     std::string entry = std::string(*name) + ".json";
-    if (!isPlainDocumentName(entry)) {
+    if (!PXIsPlainRelativePath(entry)) {
       PXLogWarn("Page reference leaves the document, skipped: {}", *name);
       continue;
     }

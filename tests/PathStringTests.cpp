@@ -90,3 +90,25 @@ TEST(PathStringStandardizing, DotsFoldWithoutClimbingAboveTheRoot) {
   EXPECT_EQ(PXStandardizingPath("/"), "/");
   EXPECT_EQ(PXStandardizingPath("/a/.../b/..x"), "/a/.../b/..x");  // only "." and ".." are special
 }
+
+// Names that other code uses to build paths: a file name stays in its folder,
+// a relative path stays below its root, whatever the name holds.
+TEST(PathStringPlainNames, OnlyNamesThatStayWhereTheyAreLookedUp) {
+  using namespace std::string_literals;
+  struct Row {
+    std::string name;
+    bool fileName;
+    bool relativePath;
+  } rows[] = {
+      {"A1B2-C3.json", true, true},    {"...", true, true},           {".hidden", true, true},
+      {"pages/ID.json", false, true},  {"a/b/c", false, true},        {"", false, false},
+      {".", false, false},             {"..", false, false},          {"a/../b", false, false},
+      {"./a", false, false},           {"a//b", false, false},        {"a/", false, false},
+      {"/etc/passwd", false, false},   {"a\0b"s, false, false},       {"pages/\0.json"s, false, false},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    EXPECT_EQ(PXIsPlainFileName(row.name), row.fileName);
+    EXPECT_EQ(PXIsPlainRelativePath(row.name), row.relativePath);
+  }
+}
