@@ -35,6 +35,17 @@ PrettyPrintOutcome prettyPrintJSONFile(const std::string& path, std::string& err
                                                                     : PrettyPrintOutcome::writeFailed;
 }
 
+// A detached page for the readers, holding the arena it lives in: the
+// page's nodes do not count it.
+std::shared_ptr<const JsonObject> keptPage(PXSymbolDetacherV2::Page&& page) {
+  struct Kept {
+    std::shared_ptr<void> arena;
+    JsonObject json;  // taken over, not copied: it keeps the page's storage
+  };
+  auto kept = std::make_shared<Kept>(Kept{std::move(page.arena), std::move(page.json.get_object())});
+  return std::shared_ptr<const JsonObject>(kept, &kept->json);
+}
+
 PXSketchUnzipResult failure(const std::string& source, const std::string& reason) {
   PXSketchUnzipResult result{false, fmt::format("could not unzip {}: {}", source, reason)};
   PXLogError("PXSketchUnzipper {}", result.output);
@@ -270,8 +281,7 @@ void PXSketchUnzipper::keepDetachedPages(PXSymbolDetacherV2& v2) {
       unreadable = true;
       continue;
     }
-    kept[PXDeletingPathExtension(PXLastPathComponent(page.url))] =
-        std::make_shared<const JsonObject>(std::move(page.json.get_object()));
+    kept[PXDeletingPathExtension(PXLastPathComponent(page.url))] = keptPage(std::move(page));
   }
   if (unreadable && !writesDetachedFile) v2.savePages();
   v2.pages.clear();

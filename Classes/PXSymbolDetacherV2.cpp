@@ -180,7 +180,7 @@ bool PXSymbolDetacherV2::loadDocument(const Progress& progress) {
   struct Pending {
     std::size_t index;
     std::string path;
-    std::optional<JsonValue> parsed;
+    std::optional<PXJsonOwnedTree> parsed;
     std::string error;
     bool read = false;
   };
@@ -196,7 +196,7 @@ bool PXSymbolDetacherV2::loadDocument(const Progress& progress) {
     auto& page = pending[k];
     try {
       bool missing = false;
-      page.parsed = PXJsonParseFileIntoArena(page.path, &page.error, &missing);
+      page.parsed = PXJsonParseFileIntoOwnArena(page.path, &page.error, &missing);
       page.read = !missing;
     } catch (const std::exception& e) {
       page.read = true;
@@ -207,15 +207,14 @@ bool PXSymbolDetacherV2::loadDocument(const Progress& progress) {
   std::map<std::string, std::size_t> loadedIndex;
   for (auto& page : pending) {
     if (!page.read) continue;
-    if (!page.parsed || !page.parsed->is_object()) {
+    if (!page.parsed || !page.parsed->root.is_object()) {
       PXLogVerbose("Page skipped, not a JSON object: {} {}", page.path, page.error);
       continue;
     }
-    if (auto same = loadedIndex.find(page.path); same != loadedIndex.end()) {
-      loaded[same->second].json = std::move(*page.parsed);
-    } else {
+    // A file named twice is one page; its later parse is the same tree.
+    if (!loadedIndex.contains(page.path)) {
       loadedIndex.emplace(page.path, loaded.size());
-      loaded.push_back(Page{page.path, std::move(*page.parsed)});
+      loaded.push_back(Page{page.path, std::move(page.parsed->root), std::move(page.parsed->arena)});
     }
     report(progress, page.index, 0);
   }

@@ -102,6 +102,9 @@ class PXSymbolDetacherV2 {
   struct Page {
     std::string url;  // the page file, inside the working folder
     JsonValue json;   // always holds an object
+    // The arena `json` lives in when its nodes do not count it (pages as
+    // loaded): whoever takes `json` over takes this too.
+    std::shared_ptr<void> arena;
   };
 
   static std::shared_ptr<PXSymbolDetacherV2> detacherWithUrl(const std::string& workingUrl);

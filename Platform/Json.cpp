@@ -18,6 +18,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <limits>
 #include <span>
@@ -342,9 +343,13 @@ class LargeBlockResource final : public boost::json::memory_resource {
 
 // A tree takes two to three times its text; the first block is sized for
 // that at once (what it does not use costs address space only).
+size_t initialArenaBlock(uint64_t textBytes) {
+  return std::max<size_t>(64 << 10, static_cast<size_t>(std::min<uint64_t>(textBytes, 1ull << 32) * 3));
+}
+
 boost::json::storage_ptr arenaForText(uint64_t textBytes) {
-  const size_t initial = std::max<size_t>(64 << 10, static_cast<size_t>(std::min<uint64_t>(textBytes, 1ull << 32) * 3));
-  return boost::json::make_shared_resource<boost::json::monotonic_resource>(initial, LargeBlockResource::shared());
+  return boost::json::make_shared_resource<boost::json::monotonic_resource>(initialArenaBlock(textBytes),
+                                                                            LargeBlockResource::shared());
 }
 
 // Detached symbols nest pages deeper than Boost's default of 32 allows; the
@@ -492,7 +497,13 @@ std::shared_ptr<const JsonObject> PXJsonParseObjectIntoOwnArena(std::string_view
   return std::shared_ptr<const JsonObject>(tree, &tree->root->get_object());
 }
 
-std::optional<JsonValue> PXJsonParseFileIntoArena(const std::string& path, std::string* error, bool* missing) {
+namespace {
+
+// The file in chunks, never its whole text, into the storage that
+// `storageFor` gives for the file's size.
+std::optional<JsonValue> parseFile(const std::string& path,
+                                   const std::function<boost::json::storage_ptr(uint64_t)>& storageFor,
+                                   std::string* error, bool* missing) {
   if (missing) *missing = false;
   std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rb"), &std::fclose);
   if (!file) {
@@ -500,11 +511,10 @@ std::optional<JsonValue> PXJsonParseFileIntoArena(const std::string& path, std::
     if (error) *error = "cannot open " + path;
     return std::nullopt;
   }
-  // The parser's own storage is scratch space; the tree goes where reset()
-  // says, here one arena that the result owns.
+  // The parser's own storage is scratch space; the tree goes where reset() says.
   boost::json::stream_parser parser({}, parseOptions());
   struct stat st {};
-  parser.reset(arenaForText(::fstat(::fileno(file.get()), &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0));
+  parser.reset(storageFor(::fstat(::fileno(file.get()), &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0));
   // Filled by fread before it is read: left uninitialized, it costs no pass to zero it.
   constexpr size_t kChunk = 1 << 20;
   std::unique_ptr<char[]> chunk(new char[kChunk]);
@@ -524,6 +534,26 @@ std::optional<JsonValue> PXJsonParseFileIntoArena(const std::string& path, std::
     return std::nullopt;
   }
   return parser.release();
+}
+
+}  // namespace
+
+std::optional<JsonValue> PXJsonParseFileIntoArena(const std::string& path, std::string* error, bool* missing) {
+  return parseFile(path, arenaForText, error, missing);
+}
+
+std::optional<PXJsonOwnedTree> PXJsonParseFileIntoOwnArena(const std::string& path, std::string* error,
+                                                           bool* missing) {
+  std::shared_ptr<boost::json::monotonic_resource> arena;
+  auto parsed = parseFile(
+      path,
+      [&](uint64_t size) {
+        arena = std::make_shared<boost::json::monotonic_resource>(initialArenaBlock(size), LargeBlockResource::shared());
+        return boost::json::storage_ptr(arena.get());
+      },
+      error, missing);
+  if (!parsed) return std::nullopt;
+  return PXJsonOwnedTree{std::move(*parsed), std::move(arena)};
 }
 
 const JsonValue* PXJsonFind(const JsonValue* object, std::string_view key) {

@@ -47,6 +47,17 @@ std::optional<JsonValue> PXJsonParseIntoArena(std::string_view text, std::string
 class PXJsonArenaPool;
 std::shared_ptr<const JsonObject> PXJsonParseObjectIntoOwnArena(std::string_view text, std::string* error = nullptr,
                                                                 std::shared_ptr<PXJsonArenaPool> pool = nullptr);
+// A tree in an arena of its own that keeps growing in large blocks while
+// the tree is changed. Its nodes do not count the arena, so dropping it is
+// instant; `arena` must outlive `root` and every plain copy of a part of it
+// (such a copy lands in the same arena). Moving `root` into a value of other
+// storage copies it; a value move-constructed from it keeps the arena.
+struct PXJsonOwnedTree {
+  JsonValue root;
+  std::shared_ptr<void> arena;
+};
+std::optional<PXJsonOwnedTree> PXJsonParseFileIntoOwnArena(const std::string& path, std::string* error = nullptr,
+                                                           bool* missing = nullptr);
 // Parses a file into an arena in chunks, never holding its whole text.
 // nullopt with the reason in `error`; `missing` is set when the file could
 // not be opened at all.

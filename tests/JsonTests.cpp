@@ -1,5 +1,6 @@
 #include "Json.h"
 #include "JsonArenaPool.h"
+#include "TestSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -132,6 +133,37 @@ TEST(JsonOwnArena, KeepsTheTreeWhileAnyPartIsHeldAndCopiesOutlastIt) {
   EXPECT_EQ(big->at("key number 3").as_double(), 4.5);
   big.reset();
   EXPECT_EQ(kept.at("key number 39").as_double(), 58.5);
+}
+
+// Pages the detacher changes: read from their file as the counted parser
+// reads them, grown by copies in place, and kept by a value moved out.
+TEST(JsonOwnArena, AFileTreeReadsAsTheCountedOneAndGrowsWhereItIs) {
+  test::TempDir dir;
+  test::writeText(dir / "page.json", mixedDocument());
+  test::writeText(dir / "bad.json", "{\"a\":");
+  auto owned = PXJsonParseFileIntoOwnArena(dir / "page.json");
+  ASSERT_TRUE(owned);
+  EXPECT_EQ(owned->root, *PXJsonParseFileIntoArena(dir / "page.json"));
+  EXPECT_TRUE(owned->root.storage().is_not_shared_and_deallocate_is_trivial());
+  auto& layers = owned->root.as_object()["layers"].as_array();
+  for (int i = 0; i < 2000; ++i) layers.push_back(owned->root.as_object().at("big"));
+  JsonValue moved(std::move(owned->root));
+  EXPECT_EQ(static_cast<void*>(moved.storage().get()), owned->arena.get());  // moved, not copied out
+  ASSERT_EQ(moved.at("layers").as_array().size(), 2001u);
+  EXPECT_EQ(moved.at("layers").as_array()[2000].at("key number 39").as_double(), 58.5);
+
+  struct Case {
+    const char* name;
+    bool missing;
+  } refused[] = {{"none.json", true}, {"bad.json", false}};
+  for (const auto& c : refused) {
+    SCOPED_TRACE(c.name);
+    std::string error;
+    bool missing = !c.missing;
+    EXPECT_FALSE(PXJsonParseFileIntoOwnArena(dir / c.name, &error, &missing));
+    EXPECT_EQ(missing, c.missing);
+    EXPECT_FALSE(error.empty());
+  }
 }
 
 namespace {
