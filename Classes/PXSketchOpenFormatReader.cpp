@@ -73,8 +73,6 @@ std::string removingAll(std::string text, std::string_view what) {
   return text;
 }
 
-// Page IDs name files; one that could leave the pages folder is no page.
-bool isSafePageID(const std::string& id) { return PXIsPlainFileName(id); }
 
 }  // namespace
 
@@ -123,7 +121,7 @@ PXSketchOpenFormatReader::Dictionary PXSketchOpenFormatReader::userJSON() {
 }
 
 PXSketchOpenFormatReader::Dictionary PXSketchOpenFormatReader::pageJSONByID(const std::string& pageID) {
-  if (!isSafePageID(pageID)) {
+  if (!PXIsPlainFileName(pageID)) {  // an ID that could leave the pages folder is no page
     PXLogVerbose("PXSketchOpenFormatReader.pageJSONByID:{} refused: not a plain file name", pageID);
     return nullptr;
   }
@@ -162,7 +160,7 @@ void PXSketchOpenFormatReader::preloadPages(const std::vector<std::string>& page
   {
     std::lock_guard guard(lock_);
     for (const auto& pageID : pageIDs)
-      if (isSafePageID(pageID) && !cachedPages_.contains(pageID) &&
+      if (PXIsPlainFileName(pageID) && !cachedPages_.contains(pageID) &&
           std::find(wanted.begin(), wanted.end(), pageID) == wanted.end())
         wanted.push_back(pageID);
   }
